@@ -1,0 +1,86 @@
+// DatabaseAPI: the contract between DbObject and a storage engine.
+//
+// A DbObject owns exactly one backend, chosen by DbType, and reaches it only
+// through this interface. Records are addressed by unsigned 32-bit ids that
+// DbObject allocates; backends never invent ids. Operations never throw for
+// storage errors: they log an "ERROR..." line and return a result code.
+
+#ifndef DB_INTF_INCLUDE_DB_DATABASE_API_H_
+#define DB_INTF_INCLUDE_DB_DATABASE_API_H_
+
+#include <cstdint>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "db/attribute.h"
+#include "db/export.h"
+
+namespace db {
+
+// Backend selector.
+enum DbType : int32_t {
+  kSqlite = 0,
+  kLevelDb = 1,
+};
+
+// Result codes of every int-returning operation of the library.
+enum ResultCode : int32_t {
+  kOk = 0,
+  kFailure = -1,       // storage error, invalid parameters or schema
+  kNotConnected = -2,  // not connected, or not supported by the backend
+  kAlreadyDeclared = -3,
+  kNotFound = -4,
+  kBusy = -6,          // SQLite still busy after its busy time-out
+  kCorruption = -7,
+  kTraversalLoad = -8, // a traversal could not load a listed record
+};
+
+// Receives a whole-table dump (PrintDatabase).
+using DatabasePrinter = void (*)(std::stringstream&);
+
+class DB_INTF_EXPORT DatabaseAPI {
+ public:
+  virtual ~DatabaseAPI();
+
+  virtual int CreateTable(const ScalarFields& scalar_schema,
+                          const CompositeFields& composite_schema) = 0;
+  virtual int AddTableIndex(const std::string& index_name,
+                            const std::vector<std::string>& fields) = 0;
+  virtual int AddScalarField(const std::string& name, const Attribute& prototype) = 0;
+  virtual int AddCompositeField(const std::string& name,
+                                const std::pair<AttributeType, std::vector<Attribute>>& field) = 0;
+  virtual int DestroyTable(const CompositeFields& composite_schema) = 0;
+  virtual int StoreRecord(uint32_t id, const ScalarFields& scalar,
+                          const CompositeFields& composite) = 0;
+  // `composite_names` are the names of the object's repeated fields.
+  virtual int DeleteRecord(uint32_t id, const std::vector<std::string>& composite_names) = 0;
+  // Deletes the records matching the filters; every id removed is appended to
+  // `ids` so that the caller can give it back to the id allocator.
+  virtual int DeleteRecords(std::vector<uint32_t>* ids, const ScalarFields& scalar_filter,
+                            const CompositeFields& composite_filter) = 0;
+  virtual int UpdateRecord(uint32_t id, const ScalarFields& scalar,
+                           const CompositeFields& composite) = 0;
+  // `scalar` and `composite` already name the wanted fields with their types;
+  // the backend overwrites their values in place.
+  virtual int RetrieveRecord(uint32_t id, ScalarFields* scalar,
+                             CompositeFields* composite) const = 0;
+  // Ids of the records matching the filters. Only set attributes restrict;
+  // empty maps select every record.
+  virtual int RetrieveRecords(std::vector<uint32_t>* ids, const ScalarFields& scalar_filter,
+                              const CompositeFields& composite_filter) const = 0;
+  // Writes -1 to `*size` before anything else.
+  virtual int GetTableSize(int* size) const = 0;
+  virtual int PrintDatabase(const CompositeFields& composite_schema,
+                            DatabasePrinter printer) const = 0;
+  virtual bool IsConnected() const = 0;
+  // Removes every record; every id removed is appended to `ids`.
+  virtual int ClearTable(const CompositeFields& composite_schema, std::vector<uint32_t>* ids) = 0;
+  virtual void SetTableName(const std::string& name) = 0;
+  virtual const std::string& GetTableName() const = 0;
+};
+
+}  // namespace db
+
+#endif  // DB_INTF_INCLUDE_DB_DATABASE_API_H_

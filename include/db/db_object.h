@@ -1,0 +1,156 @@
+// DbObject: one table in one database, with a declared schema of scalar and
+// repeated ("composite") fields, a rendering choice per field, and one current
+// record that serves as the buffer for storing, updating, filtering and
+// retrieving.
+//
+// Usual order: construct, declare fields (AppendScalarAttribute,
+// AppendCompositeAttribute) and indexes (DeclareTableIndex), CreateObjTables,
+// then record operations. Every operation returns a ResultCode; nothing throws
+// except the constructor's two std::invalid_argument errors.
+//
+// Threads: the id allocator and the set of database names seen are process-wide
+// and unguarded; use all objects of a process from one thread at a time.
+
+#ifndef DB_INTF_INCLUDE_DB_DB_OBJECT_H_
+#define DB_INTF_INCLUDE_DB_DB_OBJECT_H_
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "db/attribute.h"
+#include "db/database_api.h"
+#include "db/export.h"
+#include "elem_cmd.h"
+
+namespace db {
+
+// Field name to (display name, PrintFormat).
+using StreamableInfo = std::map<std::string, std::pair<std::string, PrintFormat>>;
+// Index name to the field names it covers.
+using TableIndexes = std::map<std::string, std::vector<std::string>>;
+// Traversal callback; returning false stops the traversal.
+using TraverseCallback = bool (*)(uint32_t id, const ScalarFields& scalar,
+                                  const CompositeFields& composite);
+
+class DB_INTF_EXPORT DbObject {
+ public:
+  // Logs "Initializing db=%s, table=%s, in_memory=%d, type=%d", creates and
+  // connects the backend and, for the first object of `db_name` in this
+  // process, resynchronises the id allocator with the stored ids.
+  // Throws std::invalid_argument("LevelDB does not support the in_memory
+  // parameter") for type 1 with `in_memory`, and ("Invalid database type")
+  // for an unknown type.
+  DbObject(const std::string& db_name, const std::string& table_name, bool in_memory,
+           DbType type);
+  virtual ~DbObject();
+  DbObject(const DbObject&) = delete;
+  DbObject& operator=(const DbObject&) = delete;
+
+  // Hooks for subclasses; their text is appended by the renderings.
+  virtual std::string GetExtraInfo() const;
+  virtual std::string GetExtraInfo();
+
+  // ---- Schema and lifecycle.
+  // -3 when the name is already declared; -2 when not connected (the
+  // declaration is kept); after CreateObjTables the backend's result.
+  int AppendScalarAttribute(const std::string& name, const Attribute& prototype,
+                            PrintFormat format);
+  int AppendCompositeAttribute(const std::string& name, const Attribute& prototype,
+                               PrintFormat format);
+  // Rebuilds composite_schema() from composite_fields().
+  void SetCompositeSchema();
+  // Records an index to be created by CreateObjTables.
+  void DeclareTableIndex(const std::string& index_name, const std::vector<std::string>& fields);
+  int CreateObjTables();
+  int AddTableIndex(const std::string& index_name, const std::vector<std::string>& fields);
+  int DestroyObjTables();
+  // Deletes every record and gives every removed id back to the allocator.
+  int ClearObjTable();
+  // Empties the current record, keeping the schema.
+  void ClearObject();
+  // Makes the process-wide id allocator agree with the ids stored in this
+  // table. Returns -1 when not connected, otherwise last_id minus the number of
+  // free ids (0 when the table is empty or cannot be read).
+  int ResynchronizeDb(bool first_object);
+  bool IsConnected() const;
+  std::string name() const;
+  void set_name(const std::string& name);
+
+  // ---- Record operations.
+  // Stores the current record under a new id, written to `*id` at once. On
+  // failure the id is given back but left in `*id`. -1 when `id` is null.
+  int StoreObject(uint32_t* id);
+  int UpdateObject(uint32_t id);
+  // Loads record `id` into the object's buffers and into `*scalar`/`*composite`.
+  int RetrieveObject(uint32_t id, ScalarFields* scalar, CompositeFields* composite) const;
+  // Ids matching the current record used as filter.
+  int RetrieveObjects(std::vector<uint32_t>* ids) const;
+  int RetrieveObjects(std::vector<uint32_t>* ids, const ScalarFields& scalar_filter,
+                      const CompositeFields& composite_filter) const;
+  // Loads each matching record and hands it to `callback`; -8 when a listed
+  // record cannot be loaded. Overwrites the current record.
+  int TraverseObjects(const ScalarFields& scalar_filter, const CompositeFields& composite_filter,
+                      TraverseCallback callback) const;
+  int TraverseObjects(TraverseCallback callback) const;
+  int DeleteSingleObject(uint32_t id);
+  // Deletes the records matching the current record used as filter.
+  int DeleteMultipleObjects();
+  // Writes -1 to `*size` first.
+  int GetObjTableSize(int* size) const;
+
+  // ---- Text rendering of the current record.
+  std::string ToStringWithSeparator(const std::string& separator) const;
+  std::string ToString() const;
+  std::string ToStringSummarized() const;
+  // Lists the declared field names on standard output; returns 0.
+  int TraverseAttributes() const;
+  // Hands a whole-table dump to `printer`; -2 when not connected or when the
+  // backend does not support dumps (LevelDB).
+  int PrintDatabase(DatabasePrinter printer) const;
+  void ChangeAttributeStreamableName(const std::string& field, const std::string& display_name);
+  void ChangeAttributeStreamableType(const std::string& field, const PrintFormat& format);
+  // Renders one value by `format` (unknown formats as kDefault).
+  static std::string RenderValue(const Attribute& value, PrintFormat format);
+
+  // ---- Debug commands on the element's command shell.
+  void InstallDebugCmd(ELEM_CMD_GROUP_ST* group);
+
+  // ---- Identifier allocation (process-wide).
+  static uint32_t GetNextId();
+  static void ReleaseId(uint32_t id);
+
+  // Builds the backend for `type`: SQLite for 0, LevelDB for 1 (the in-memory
+  // flag is not passed on), null otherwise. The caller owns the result.
+  static DatabaseAPI* CreateDbApi(DbType type, const std::string& db_name,
+                                  const std::string& table_name, bool in_memory);
+
+  // ---- Current record and schema.
+  ScalarFields& scalar_fields() { return scalar_fields_; }
+  const ScalarFields& scalar_fields() const { return scalar_fields_; }
+  CompositeFields& composite_fields() { return composite_fields_; }
+  const CompositeFields& composite_fields() const { return composite_fields_; }
+  const CompositeFields& composite_schema() const { return composite_schema_; }
+  const StreamableInfo& streamable_info() const { return streamable_info_; }
+  const TableIndexes& table_indexes() const { return table_indexes_; }
+  bool tables_created() const { return tables_created_; }
+
+ protected:
+  DatabaseAPI* db_api() const { return db_api_.get(); }
+
+ private:
+  mutable ScalarFields scalar_fields_;
+  mutable CompositeFields composite_fields_;
+  bool tables_created_ = false;
+  std::unique_ptr<DatabaseAPI> db_api_;
+  CompositeFields composite_schema_;
+  StreamableInfo streamable_info_;
+  TableIndexes table_indexes_;
+};
+
+}  // namespace db
+
+#endif  // DB_INTF_INCLUDE_DB_DB_OBJECT_H_
