@@ -1,0 +1,85 @@
+#include "support/test_util.h"
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "db/init.h"
+#include "qelmw.h"
+#include "zlog.h"
+
+namespace db_test {
+
+TempDir::TempDir() {
+  const char* base = getenv("TMPDIR");
+  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
+                        "/db-intf-test-XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+LogCapture::LogCapture() : file_(tmpfile()) {
+  InitLibrary();
+  zlog_set_output(file_);
+}
+
+LogCapture::~LogCapture() {
+  zlog_set_output(nullptr);
+  if (file_ != nullptr) fclose(file_);
+}
+
+std::vector<std::string> LogCapture::Lines() const {
+  std::vector<std::string> lines;
+  if (file_ == nullptr) return lines;
+  fflush(file_);
+  long end = ftell(file_);
+  rewind(file_);
+  std::string text(static_cast<size_t>(end), '\0');
+  size_t got = fread(text.data(), 1, text.size(), file_);
+  text.resize(got);
+  fseek(file_, 0, SEEK_END);
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+bool LogCapture::Contains(const std::string& text) const { return Count(text) > 0; }
+
+int LogCapture::Count(const std::string& text) const {
+  int n = 0;
+  for (const auto& line : Lines()) n += line.find(text) != std::string::npos ? 1 : 0;
+  return n;
+}
+
+void LogCapture::Clear() {
+  if (file_ == nullptr) return;
+  fclose(file_);
+  file_ = tmpfile();
+  zlog_set_output(file_);
+}
+
+void InitLibrary() {
+  static qelmw_t* mw = [] {
+    qelmw_t* handle = qelmw_create("db-intf-test");
+    db::Init(handle);
+    return handle;
+  }();
+  (void)mw;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+}  // namespace db_test

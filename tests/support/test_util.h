@@ -1,0 +1,63 @@
+// Helpers shared by the test suites: scratch directories, captured log lines,
+// library start-up.
+
+#ifndef DB_INTF_TESTS_SUPPORT_TEST_UTIL_H_
+#define DB_INTF_TESTS_SUPPORT_TEST_UTIL_H_
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace db_test {
+
+// A fresh directory under $TMPDIR (or /tmp), removed with everything in it
+// when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  // path() + "/" + name.
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// Captures every zlog line written while it exists (zlog_set_output), and
+// calls db::Init once per process with a middleware handle.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+  // Every line captured so far, without the line breaks.
+  std::vector<std::string> Lines() const;
+  // True when some captured line contains `text`.
+  bool Contains(const std::string& text) const;
+  // Number of captured lines containing `text`.
+  int Count(const std::string& text) const;
+  // Forgets what was captured so far.
+  void Clear();
+
+ private:
+  FILE* file_;
+};
+
+// Calls db::Init with a process-wide middleware handle (idempotent).
+void InitLibrary();
+
+// Captures what `fn` writes to standard error (file descriptor 2).
+template <class Fn>
+std::string CaptureStderr(Fn fn);
+
+std::string ReadFile(const std::string& path);
+
+}  // namespace db_test
+
+#include "support/test_util_inl.h"
+
+#endif  // DB_INTF_TESTS_SUPPORT_TEST_UTIL_H_
