@@ -44,8 +44,7 @@ class DB_INTF_EXPORT DbObject {
   // Throws std::invalid_argument("LevelDB does not support the in_memory
   // parameter") for type 1 with `in_memory`, and ("Invalid database type")
   // for an unknown type.
-  DbObject(const std::string& db_name, const std::string& table_name, bool in_memory,
-           DbType type);
+  DbObject(const std::string& db_name, const std::string& table_name, bool in_memory, DbType type);
   virtual ~DbObject();
   DbObject(const DbObject&) = delete;
   DbObject& operator=(const DbObject&) = delete;
@@ -139,9 +138,18 @@ class DB_INTF_EXPORT DbObject {
   bool tables_created() const { return tables_created_; }
 
  protected:
+  // Takes `api` as this object's backend (null leaves the object unconnected)
+  // and, as the public constructor does, resynchronises the id allocator when
+  // `db_name` is the first database of that name seen in this process. For
+  // subclasses that bring their own backend; it logs and checks nothing else.
+  DbObject(std::unique_ptr<DatabaseAPI> api, const std::string& db_name);
+
   DatabaseAPI* db_api() const { return db_api_.get(); }
 
  private:
+  // Resynchronises the id allocator for the first object of `db_name`.
+  void RegisterDatabase(const std::string& db_name);
+
   mutable ScalarFields scalar_fields_;
   mutable CompositeFields composite_fields_;
   bool tables_created_ = false;
