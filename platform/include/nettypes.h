@@ -20,7 +20,8 @@ class ELEM_PLATFORM_EXPORT MACAddr {
   // Accepts exactly "aa:bb:cc:dd:ee:ff" (hex digits of either case); throws
   // std::invalid_argument on anything else, leaving the address unchanged.
   void set_addr(const std::string& text);
-  // Takes 6 raw bytes.
+  // Takes 6 raw bytes, copied as they are; throws std::invalid_argument for a
+  // null pointer.
   void set_addr(const unsigned char* bytes);
   // Lower-case colon form, "aa:bb:cc:dd:ee:ff".
   std::string to_string() const;
@@ -37,7 +38,7 @@ class ELEM_PLATFORM_EXPORT IPv4AddrMask {
  public:
   static constexpr size_t kSize = 8;
   IPv4AddrMask();
-  // Writes the 8-byte form to `out`.
+  // Writes the 8-byte form to `out`; does nothing for a null `out`.
   void Serialize(uint8_t* out) const;
   // Reads the 8-byte form; returns false (object unchanged) for a null input.
   bool Deserialize(const uint8_t* in);
@@ -59,6 +60,7 @@ class ELEM_PLATFORM_EXPORT IPv6AddrMask {
  public:
   static constexpr size_t kSize = 17;
   IPv6AddrMask();
+  // Writes the 17-byte form to `out`; does nothing for a null `out`.
   void Serialize(uint8_t* out) const;
   // Reads the 17-byte form; returns false (object unchanged) for a null input
   // or a prefix length above 128.
