@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 struct zlog_category_s {
@@ -12,9 +13,16 @@ struct zlog_category_s {
 
 namespace {
 
+// Never destroyed: objects with static lifetime may still log from their
+// destructors at process exit, through categories they fetched earlier.
 std::map<std::string, std::unique_ptr<zlog_category_t>>& Categories() {
-  static std::map<std::string, std::unique_ptr<zlog_category_t>> categories;
-  return categories;
+  static auto* categories = new std::map<std::string, std::unique_ptr<zlog_category_t>>();
+  return *categories;
+}
+
+std::mutex& CategoriesMutex() {
+  static auto* mutex = new std::mutex();
+  return *mutex;
 }
 
 FILE*& Output() {
@@ -28,6 +36,7 @@ extern "C" {
 
 zlog_category_t* zlog_get_category(const char* name) {
   if (name == nullptr) return nullptr;
+  std::lock_guard<std::mutex> lock(CategoriesMutex());
   auto& slot = Categories()[name];
   if (!slot) slot.reset(new zlog_category_t{name});
   return slot.get();
@@ -42,11 +51,22 @@ void zlog_set_output(FILE* out) { Output() = out; }
 void zlog(zlog_category_t* category, const char* file, size_t filelen, const char* func,
           size_t funclen, long line, int level, const char* format, ...) {
   // Build the whole line first so that it reaches the stream in one write.
-  char message[4096];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(message, sizeof(message), format == nullptr ? "" : format, args);
-  va_end(args);
+  // Messages may carry whole records or SQL texts, so none is cut short.
+  std::string message;
+  if (format != nullptr) {
+    va_list args;
+    va_start(args, format);
+    va_list measure;
+    va_copy(measure, args);
+    int length = std::vsnprintf(nullptr, 0, format, measure);
+    va_end(measure);
+    if (length > 0) {
+      message.resize(static_cast<size_t>(length) + 1);
+      std::vsnprintf(message.data(), message.size(), format, args);
+      message.resize(static_cast<size_t>(length));
+    }
+    va_end(args);
+  }
   std::string text = zlog_category_name(category);
   text += ' ';
   text += std::to_string(level);
