@@ -11,6 +11,7 @@
 #ifndef DB_INTF_SRC_LIB_SERIALIZER_H_
 #define DB_INTF_SRC_LIB_SERIALIZER_H_
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -31,11 +32,11 @@ class Serializer {
   void SerializeComposite(std::string& out, const std::vector<Attribute>& values) const;
   // Puts the scalar record and every non-empty repeated field into `batch`;
   // an empty vector writes no key (and deletes none).
-  void PutOnBatch(leveldb::WriteBatch& batch, const std::string& table, unsigned id,
+  void PutOnBatch(leveldb::WriteBatch& batch, const std::string& table, uint32_t id,
                   const ScalarFields& scalars, const CompositeFields& composites) const;
   // Reads the count and lengths; `pos` ends at the first value byte.
   // std::invalid_argument / std::out_of_range pass through.
-  void ParseSizeToVector(std::vector<unsigned>& sizes, unsigned& pos,
+  void ParseSizeToVector(std::vector<uint32_t>& sizes, uint32_t& pos,
                          const std::string& text) const;
   // Splits a stored value into its value texts; exceptions pass through.
   void DeserializeToVector(std::vector<std::string>& values, const std::string& text) const;
@@ -55,7 +56,7 @@ class Serializer {
                       const ScalarFields& schema) const;
 
   // table + ":" + id.
-  static std::string ScalarKey(const std::string& table, unsigned id);
+  static std::string ScalarKey(const std::string& table, uint32_t id);
 };
 
 }  // namespace db

@@ -1,0 +1,60 @@
+#include "leveldb_connector.h"
+
+#include <map>
+#include <string>
+
+#include <leveldb/db.h>
+#include <leveldb/options.h>
+#include <leveldb/status.h>
+
+#include "logger.h"
+
+namespace db {
+
+LevelDbConnector& LevelDbConnector::GetInstance() {
+  // Never destroyed before the last static user; handles still open at exit
+  // are left open (see the destructor).
+  static LevelDbConnector instance;
+  return instance;
+}
+
+leveldb::DB* LevelDbConnector::AcquireConnection(const std::string& path) {
+  auto it = connections_.find(path);
+  if (it != connections_.end()) {
+    // Shared as it is: a second user never reopens with options of its own.
+    ++it->second.count;
+    return it->second.handle;
+  }
+  leveldb::Options options;
+  options.create_if_missing = true;
+  leveldb::DB* handle = nullptr;
+  leveldb::Status status = leveldb::DB::Open(options, path, &handle);
+  if (!status.ok()) {
+    DB_LOG_ERROR("ERROR: Open status='%s'", status.ToString().c_str());
+    return nullptr;
+  }
+  connections_.emplace(path, Connection{handle, 1});
+  return handle;
+}
+
+bool LevelDbConnector::ReleaseConnection(const std::string& path) {
+  auto it = connections_.find(path);
+  // Nothing cached: a surplus release is harmless.
+  if (it == connections_.end()) return true;
+  if (--it->second.count != 0) return false;
+  delete it->second.handle;
+  connections_.erase(it);
+  return true;
+}
+
+leveldb::DB* LevelDbConnector::LookupConnection(const std::string& path) const {
+  auto it = connections_.find(path);
+  return it == connections_.end() ? nullptr : it->second.handle;
+}
+
+const LevelDbConnector::Connection* LevelDbConnector::Find(const std::string& path) const {
+  auto it = connections_.find(path);
+  return it == connections_.end() ? nullptr : &it->second;
+}
+
+}  // namespace db
