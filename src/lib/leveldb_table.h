@@ -11,6 +11,7 @@
 #ifndef DB_INTF_SRC_LIB_LEVELDB_TABLE_H_
 #define DB_INTF_SRC_LIB_LEVELDB_TABLE_H_
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,44 +22,74 @@
 #include "db/attribute.h"
 
 namespace leveldb {
+class DB;
 class WriteBatch;
-}
+}  // namespace leveldb
 
 namespace db {
 
 class LevelDbTable {
  public:
   static const std::string kSchemaPrefix;     // "schema:"
-  static const std::string kRepeatedPrefix;   // "repeated"
+  static const std::string kCompositePrefix;  // "repeated"
+  static const std::string kRepeatedPrefix;   // "repeated", same as kCompositePrefix
   static const std::string kKeySeparator;     // ":"
 
   // Loads the persisted schema; never fails (a missing schema leaves the table
   // not created).
   LevelDbTable(const std::string& table_name, const std::string& db_name);
 
+  // Every operation that touches the store looks the database up in
+  // LevelDbConnector on each call; without an open database it returns
+  // IOError "Disconnected" and changes nothing.
+
+  // Reads both schema records into memory. Created when the scalar record
+  // exists and the composite record exists or is merely missing; fields read
+  // from either record stay in memory even when the table is not created.
+  // A corrupt type number throws std::invalid_argument / std::out_of_range.
   void LoadSchema();
+  // Writes both schema records (the composite one even when empty) in one
+  // batch and adds the fields to memory; on failure both maps are emptied.
   leveldb::Status CreateSchema(const ScalarFields& scalar, const CompositeFields& composite);
+  // Read one schema record and add its fields (existing names are kept).
+  // A failed read returns its status; a bad type number throws.
   leveldb::Status RetrieveScalarSchema();
   leveldb::Status RetrieveCompositeSchema();
   // Adds one scalar field; commits `batch` together with the new schema record.
+  // On failure the name is erased from memory.
   leveldb::Status AppendColumn(leveldb::WriteBatch& batch, const std::string& name,
                                AttributeType type);
+  // Adds one composite field and rewrites the composite schema record; on
+  // failure logs and erases the name from memory.
   leveldb::Status AppendComposite(const std::string& name,
                                   std::pair<AttributeType, std::vector<Attribute>> field);
+  // name + ":" + type in signed decimal.
   std::string AppendSchema(const std::string& name, AttributeType type) const;
+  // "schema:" + table.
   std::string BuildSchemaKey(const std::string& table) const;
+  // "schema:repeated:" + the current table name.
   std::string BuildCompositeSchemaKey() const;
-  static std::string BuildCompositeKey(const std::string& table, unsigned id,
+  // field + ":" + table + ":" + id in unsigned decimal (note the argument order).
+  static std::string BuildCompositeKey(const std::string& table, uint32_t id,
                                        const std::string& field);
+  // "name:type," per field in name order; "" for an empty map.
   static std::string ScalarSchemaAsString(const ScalarFields& fields);
   static std::string CompositeSchemaAsString(const CompositeFields& fields);
+  // The stored record under the key member; "" when missing, unreadable or
+  // disconnected.
   std::string GetTableSchemaString() const;
   std::string GetTableCompositeSchemaString() const;
+  // Same names in the same order as the scalar schema; types not compared.
   bool IsValidScalarSchema(const ScalarFields& fields) const;
+  // Empty, or a subset of the composite schema with equal types.
   bool IsValidCompositeSchema(const CompositeFields& fields) const;
+  // The scalar check, then the composite check.
   bool IsValidSchema(const ScalarFields& scalar, const CompositeFields& composite) const;
+  // True when some name is not a scalar field.
   bool OutOfSchema(std::vector<std::string> names) const;
+  // Adds the deletion of both schema records to `batch`; writes nothing.
   void InsertDelSchemaOnBatch(leveldb::WriteBatch& batch);
+  // Forgets the schema in memory; the database is not touched.
   void ClearSchema();
 
   bool is_created() const { return created_; }
@@ -70,6 +101,10 @@ class LevelDbTable {
   const std::string& composite_schema_key() const { return composite_schema_key_; }
 
  private:
+  // The open database of db_name_, or null.
+  leveldb::DB* Database() const;
+  leveldb::Status ReadRecord(const std::string& key, std::string* value) const;
+
   std::string table_name_;
   // Both keys are fixed at construction: after set_table_name the scalar schema
   // stays under the key of the first name.
