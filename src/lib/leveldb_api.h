@@ -27,7 +27,7 @@
 namespace leveldb {
 class DB;
 class WriteBatch;
-}
+}  // namespace leveldb
 
 namespace db {
 
@@ -65,31 +65,41 @@ class LeveldbAPI : public DatabaseAPI {
   void SetTableName(const std::string& name) override;
   const std::string& GetTableName() const override;
 
+  // Takes one use of the shared handle of `path` and builds a new LevelDbTable
+  // and LevelDbIndex, which load the persisted schema and index. Does nothing
+  // while this object holds a use; stays unconnected when the open fails.
   void Connect(const std::string& path);
+  // Gives this object's use back. True when the handle was closed now or there
+  // was nothing to release; false when other users keep it open (this object
+  // then keeps the handle).
   bool Disconnect();
+  // ok 0, NotFound -4, Corruption -7, any other status -1.
   static int DbReturnCodeTranslate(const leveldb::Status& status);
 
-  const LevelDbTable& table() const { return *table_; }
-  const LevelDbIndex& index() const { return *index_; }
+  // The schema and index objects; null until a connection was first made.
+  const LevelDbTable* table() const { return table_.get(); }
+  const LevelDbIndex* index() const { return index_.get(); }
 
  private:
+  // The held handle while the connector still has it open, else null.
+  leveldb::DB* Handle() const;
   bool CheckTableExistence() const;
-  int CheckObjectExistence(unsigned id);
-  int RetrieveRecordScalar(const std::string& table, std::string& value, unsigned id) const;
-  int RetrieveRecordComposite(const std::string& table, const std::string& field, unsigned id,
+  int CheckObjectExistence(uint32_t id);
+  int RetrieveRecordScalar(const std::string& table, std::string& value, uint32_t id) const;
+  int RetrieveRecordComposite(const std::string& table, const std::string& field, uint32_t id,
                               std::string& value) const;
-  void PutCompositeKeysOnBatch(leveldb::WriteBatch& batch, unsigned id) const;
+  void PutCompositeKeysOnBatch(leveldb::WriteBatch& batch, uint32_t id) const;
   bool IsValidSchema(const ScalarFields& scalar, const CompositeFields& composite) const;
   ScalarFields GetTableSchema() const;
-  int RetrieveAllIds(std::list<unsigned>& ids, const std::string& table) const;
-  int RetrieveIds(std::list<unsigned>& ids, const std::string& table, ScalarFields& filter) const;
-  int RetrieveIdsFromIndex(std::list<unsigned>& ids, const std::string& table,
+  int RetrieveAllIds(std::list<uint32_t>& ids, const std::string& table) const;
+  int RetrieveIds(std::list<uint32_t>& ids, const std::string& table, ScalarFields& filter) const;
+  int RetrieveIdsFromIndex(std::list<uint32_t>& ids, const std::string& table,
                            ScalarFields& filter) const;
-  int RetrieveIdsFromDatabase(std::list<unsigned>& ids, const std::string& table,
+  int RetrieveIdsFromDatabase(std::list<uint32_t>& ids, const std::string& table,
                               ScalarFields& filter) const;
   int FilterIdsOnDatabase(const std::string& table, const ScalarFields& filter,
-                          std::set<unsigned>& ids) const;
-  int RetrieveCompositeIds(std::list<unsigned>& ids, const std::string& table,
+                          std::set<uint32_t>& ids) const;
+  int RetrieveCompositeIds(std::list<uint32_t>& ids, const std::string& table,
                            const CompositeFields& filter) const;
   bool IsValidSchemaForRetrieveRecords(const ScalarFields& filter) const;
   void CompleteScalarSchema(ScalarFields& filter) const;
@@ -101,6 +111,8 @@ class LeveldbAPI : public DatabaseAPI {
   Serializer serializer_;
   std::string path_;
   leveldb::DB* db_ = nullptr;
+  // True while this object counts as one user of the connector's handle.
+  bool holds_use_ = false;
   std::string table_name_;
   leveldb::ReadOptions read_options_;
   leveldb::WriteOptions write_options_;
