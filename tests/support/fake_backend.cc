@@ -41,9 +41,9 @@ int FakeBackend::CallCount(const std::string& prefix) const {
 
 bool FakeBackend::Enter(const std::string& call) const {
   calls_.push_back(call);
-  bool fail = fail_next_;
+  if (!fail_next_ || call.compare(0, fail_prefix_.size(), fail_prefix_) != 0) return false;
   fail_next_ = false;
-  return fail;
+  return true;
 }
 
 bool FakeBackend::Matches(const Record& record, const db::ScalarFields& scalar_filter,

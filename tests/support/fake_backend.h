@@ -33,14 +33,16 @@ class FakeBackend : public db::DatabaseAPI {
   explicit FakeBackend(const std::string& table = "fake_table");
   ~FakeBackend() override;
 
-  // The next int-returning operation returns `rc` instead of succeeding. A
-  // failing StoreRecord, UpdateRecord, DeleteRecord, CreateTable stores or
-  // changes nothing; a failing DeleteRecords or ClearTable behaves like a
-  // backend that stopped part way: it removes and reports only the first record
-  // it would have removed.
-  void FailNext(int rc) {
+  // The next call whose recorded text (see calls()) begins with `prefix` (any
+  // call when empty) returns `rc` instead of succeeding. A failing StoreRecord,
+  // UpdateRecord, DeleteRecord or CreateTable stores or changes nothing; a
+  // failing DeleteRecords or ClearTable behaves like a backend that stopped
+  // part way: it removes and reports only the first record it would have
+  // removed.
+  void FailNext(int rc, const std::string& prefix = "") {
     fail_next_ = true;
     fail_rc_ = rc;
+    fail_prefix_ = prefix;
   }
   void set_connected(bool connected) { connected_ = connected; }
 
@@ -93,6 +95,7 @@ class FakeBackend : public db::DatabaseAPI {
   bool connected_ = true;
   mutable bool fail_next_ = false;
   int fail_rc_ = 0;
+  std::string fail_prefix_;
   mutable std::vector<std::string> calls_;
   std::map<uint32_t, Record> records_;
 };
