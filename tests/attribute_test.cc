@@ -99,6 +99,12 @@ TEST(AttributeTest, AssignmentSelectsAlternativeAndMarksSet) {
   EXPECT_EQ(b.type(), kString);
   EXPECT_TRUE(b.is_set());
 
+  Attribute from_null(kInteger);
+  from_null = static_cast<const char*>(nullptr);
+  EXPECT_EQ(from_null.type(), kString);
+  EXPECT_TRUE(from_null.is_set());
+  EXPECT_EQ(from_null.Get<std::string>(), "");
+
   const Attribute copy = b;
   EXPECT_TRUE(copy.is_set());
   EXPECT_EQ(copy.Get<std::string>(), "v");

@@ -38,15 +38,15 @@ enum AttributeType : int32_t {
 // kDefault. kIpAddressAlt1 and kIpAddressAlt2 render exactly as kIpAddress; the
 // command-line parser refuses them (see ElemParser).
 enum PrintFormat : int32_t {
-  kDefault = 0,         // ToPrintableString()
-  kHex = 1,             // ToHexString()
-  kIpAddress = 2,       // ToIpString()
-  kIpAddressAlt1 = 3,   // ToIpString()
-  kIpAddressAlt2 = 4,   // ToIpString()
-  kIpPrefixLen = 5,     // ToIpPrefixLenString()
-  kMac = 6,             // ToMacString()
-  kLimId = 7,           // ToLimIdString()
-  kUnsigned = 8,        // ToUnsigned()
+  kDefault = 0,        // ToPrintableString()
+  kHex = 1,            // ToHexString()
+  kIpAddress = 2,      // ToIpString()
+  kIpAddressAlt1 = 3,  // ToIpString()
+  kIpAddressAlt2 = 4,  // ToIpString()
+  kIpPrefixLen = 5,    // ToIpPrefixLenString()
+  kMac = 6,            // ToMacString()
+  kLimId = 7,          // ToLimIdString()
+  kUnsigned = 8,       // ToUnsigned()
 };
 
 // The value variant. The alternative index is the AttributeType.
@@ -69,7 +69,7 @@ class DB_INTF_EXPORT StreamableAttr {
 class DB_INTF_EXPORT Attribute : public StreamableAttr {
  public:
   // Text of an attribute whose is_set flag is false.
-  static const std::string kToStringUnset;    // "(unset)"
+  static const std::string kToStringUnset;  // "(unset)"
   // Text of a value that cannot be shown in the requested form.
   static const std::string kToStringInvalid;  // "(invalid)"
 
@@ -87,7 +87,7 @@ class DB_INTF_EXPORT Attribute : public StreamableAttr {
   Attribute& operator=(int32_t v);
   Attribute& operator=(float v);
   Attribute& operator=(const std::string& v);
-  Attribute& operator=(const char* v);
+  Attribute& operator=(const char* v);  // a null pointer assigns ""
   Attribute& operator=(const std::vector<uint8_t>& v);
   // Replaces the whole variant and marks the attribute set.
   void set_value(const AttributeValue& v);
