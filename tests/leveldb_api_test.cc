@@ -308,17 +308,6 @@ TEST_F(LeveldbApiTest, CorruptStoredValueReadsBackAsAnEmptyRecord) {
       log_.Contains("ERROR: Failed to deserialize the scalar attribute='enabled', value='x'"));
 }
 
-TEST_F(LeveldbApiTest, AddCompositeFieldExtendsTheSchemaRecord) {
-  {
-    auto api = Created();
-    EXPECT_EQ(api->AddCompositeField("ports", {kString, {}}), 0);
-    EXPECT_EQ(api->StoreRecord(1, Schema(), {{"ports", {kString, {Str("a")}}}}), 0);
-  }
-  const KeyValues all = Dump(path());
-  EXPECT_EQ(all.at("schema:repeated:T"), "ports:1,vlans:0,");
-  EXPECT_EQ(all.at("ports:T:1"), "1,1,a");
-}
-
 TEST_F(LeveldbApiTest, DestroyTableRemovesEverythingAndDisconnects) {
   auto api = Created();
   auto other = Created("O");

@@ -188,17 +188,6 @@ TEST_F(LevelDbIndexTest, MaintenanceKeepsBothMapsInStep) {
   EXPECT_FALSE(index.is_created());
 }
 
-TEST_F(LevelDbIndexTest, LoadRecordTakesTheIdAfterTheLastColon) {
-  CreateTable();
-  LevelDbIndex index("T", path_);
-  ASSERT_EQ(index.CreateIndex({"vlan"}), 0);
-  index.LoadRecord("T:12", Record(10, nullptr));
-  index.LoadRecord("T:13", Record(-1, nullptr));  // Unset: skipped on load.
-  EXPECT_EQ(index.index_entries().at("vlan:10"), Ids{12});
-  EXPECT_EQ(index.index_entries().size(), 1u);
-  EXPECT_THROW(index.LoadRecord("T:x", Record(10, nullptr)), std::invalid_argument);
-}
-
 TEST_F(LevelDbIndexTest, FilterIdsNarrowsByIndexedFieldsOnly) {
   CreateTable();
   LevelDbIndex index("T", path_);
