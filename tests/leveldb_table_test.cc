@@ -84,7 +84,8 @@ class LevelDbTableTest : public ::testing::Test {
 };
 
 TEST_F(LevelDbTableTest, ConstantsAndKeys) {
-  EXPECT_EQ(LevelDbTable::kSchemaPrefix, "schema:");
+  EXPECT_STREQ(LevelDbTable::kSchemaPrefix, "schema:");
+  EXPECT_EQ(sizeof(LevelDbTable::kSchemaPrefix), 8u);
   EXPECT_EQ(LevelDbTable::kCompositePrefix, "repeated");
   EXPECT_EQ(LevelDbTable::kRepeatedPrefix, "repeated");
   EXPECT_EQ(LevelDbTable::kKeySeparator, ":");

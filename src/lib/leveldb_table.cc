@@ -13,7 +13,7 @@
 
 namespace db {
 
-const std::string LevelDbTable::kSchemaPrefix = "schema:";
+char LevelDbTable::kSchemaPrefix[8] = "schema:";
 const std::string LevelDbTable::kCompositePrefix = "repeated";
 const std::string LevelDbTable::kRepeatedPrefix = LevelDbTable::kCompositePrefix;
 const std::string LevelDbTable::kKeySeparator = ":";

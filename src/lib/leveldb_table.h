@@ -30,7 +30,9 @@ namespace db {
 
 class LevelDbTable {
  public:
-  static const std::string kSchemaPrefix;     // "schema:"
+  // "schema:". A plain writable array of eight bytes (terminating zero
+  // included) so that the data symbol keeps its layout; never written to.
+  static char kSchemaPrefix[8];
   static const std::string kCompositePrefix;  // "repeated"
   static const std::string kRepeatedPrefix;   // "repeated", same as kCompositePrefix
   static const std::string kKeySeparator;     // ":"
