@@ -1,0 +1,63 @@
+// Finding the tables of an existing database without changing it.
+//
+// db-shell must never create a database: the library's backends create a
+// missing SQLite file or LevelDB directory when they connect. So the path is
+// checked and the stored schema is read here, with SQLite and LevelDB used
+// directly, before any DbObject is built.
+
+#ifndef DB_INTF_TOOLS_DB_SHELL_DISCOVERY_H_
+#define DB_INTF_TOOLS_DB_SHELL_DISCOVERY_H_
+
+#include <string>
+#include <vector>
+
+#include "db/attribute.h"
+
+namespace db_shell {
+
+struct FieldSchema {
+  std::string name;
+  db::AttributeType type;
+};
+
+// One table as stored: its scalar fields and its repeated fields, each in
+// ascending name order.
+struct TableSchema {
+  std::string name;
+  std::vector<FieldSchema> scalar_fields;
+  std::vector<FieldSchema> repeated_fields;
+};
+
+// What discovery found. `error` is empty on success; otherwise it is a
+// one-line reason why the database cannot be opened and `tables` is empty.
+// `warnings` name tables that were left out because they do not look like
+// tables the library wrote.
+struct Discovery {
+  std::vector<TableSchema> tables;
+  std::vector<std::string> warnings;
+  std::string error;
+};
+
+// Reads the tables of the SQLite file `path` through a read-only connection,
+// which is closed again before returning.
+Discovery DiscoverSqlite(const std::string& path);
+
+// Reads the schema records of the LevelDB database in directory `dir`. The
+// handle is closed before returning, since LevelDB admits one open handle per
+// directory and the DbObjects need theirs.
+Discovery DiscoverLevelDb(const std::string& dir);
+
+// "integer", "string", "float" or "bytes".
+const char* TypeName(db::AttributeType type);
+
+// Parses a LevelDB schema record value ("name:type,name:type,"). False when
+// the text is not in that form or a type is not 0 to 3.
+bool ParseSchemaRecord(const std::string& text, std::vector<FieldSchema>* fields);
+
+// The SQLite column type of a library table ("INTEGER", "TEXT", "REAL",
+// "BLOB", any letter case) as an AttributeType; false for any other type.
+bool SqlTypeToAttributeType(const std::string& sql_type, db::AttributeType* type);
+
+}  // namespace db_shell
+
+#endif  // DB_INTF_TOOLS_DB_SHELL_DISCOVERY_H_
