@@ -21,6 +21,7 @@
 // trailing blanks are dropped. With ELEM_CMD_TABLE_HEADING the first row is a
 // heading, followed by its own dashed line. A cell longer than its column's
 // final width is never cut: it wraps onto continuation lines in that column.
+// Text printed with ElemCmdPrintf while a table is open appears before it.
 //
 // Threads: a group may be used by one thread at a time.
 
