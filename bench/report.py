@@ -1,0 +1,239 @@
+#!/usr/bin/env python3
+"""Pairs the benchmark results (Google Benchmark JSON) and renders them.
+
+Prints one line per pair: <name> <library ops/s> <raw ops/s> <ratio>, where the
+ratio is library time / raw time (1.0 = as fast as the raw backend). Writes
+docs/benchmarks.md and, with gnuplot, docs/scaling.png.
+
+Usage: report.py RESULTS_DIR DOCS_DIR PROFILE
+"""
+
+import datetime
+import json
+import os
+import platform
+import subprocess
+import sys
+
+RAW_KINDS = ("Raw", "Exec", "Prepared")
+# Targets on library time / raw time, by name prefix and raw kind.
+TARGETS = {
+    ("LevelDb/Store", "Raw"): 1.5,
+    ("LevelDb/Retrieve", "Raw"): 1.5,
+    ("SqliteMem/", "Exec"): 1.2,
+    ("SqliteFile/", "Exec"): 1.2,
+}
+UNIT_NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
+
+
+def load(results_dir):
+    """Benchmark name -> (ns per op, counters), medians when repeated."""
+    runs = {}
+    for name in sorted(os.listdir(results_dir)):
+        if not name.endswith(".json"):
+            continue
+        with open(os.path.join(results_dir, name)) as f:
+            data = json.load(f)
+        for b in data["benchmarks"]:
+            if b.get("error_occurred"):
+                print("benchmark failed: %s: %s" % (b["name"], b.get("error_message")),
+                      file=sys.stderr)
+                continue
+            base = b.get("run_name", b["name"]).replace("/real_time", "")
+            if b.get("run_type") == "aggregate" and b.get("aggregate_name") != "median":
+                continue
+            # Disk-bound SQLite file operations count in wall-clock time; the
+            # rest is CPU-bound and counts in CPU time, which is steadier on a
+            # shared machine.
+            key = "real_time" if base.startswith("SqliteFile/") else "cpu_time"
+            ns = b[key] * UNIT_NS[b.get("time_unit", "ns")]
+            counters = {k: v for k, v in b.items()
+                        if k in ("matches", "size", "index_bytes_per_record")}
+            if base not in runs or b.get("run_type") == "aggregate":
+                runs[base] = (ns, counters)
+    return runs
+
+
+def split(name):
+    """'LevelDb/Store/Lib' -> ('LevelDb/Store', 'Lib', ''), with an Arg suffix."""
+    parts = name.split("/")
+    for i, part in enumerate(parts):
+        if part == "Lib" or part in RAW_KINDS:
+            return "/".join(parts[:i]), part, "/".join(parts[i + 1:])
+    return None
+
+
+def pairs(runs):
+    out = []
+    for name, (lib_ns, counters) in runs.items():
+        s = split(name)
+        if s is None or s[1] != "Lib":
+            continue
+        op, _, arg = s
+        for kind in RAW_KINDS:
+            raw_name = "/".join(p for p in (op, kind, arg) if p)
+            if raw_name not in runs:
+                continue
+            raw_ns = runs[raw_name][0]
+            label = op + ("/" + arg if arg else "")
+            if kind != "Raw":
+                label += "(vs %s)" % kind
+            target = None
+            for (prefix, tkind), value in TARGETS.items():
+                if op.startswith(prefix) and kind == tkind:
+                    target = value
+            out.append((label, 1e9 / lib_ns, 1e9 / raw_ns, lib_ns / raw_ns, target, counters))
+    return out
+
+
+def machine():
+    model, cores = "unknown", os.cpu_count()
+    try:
+        with open("/proc/cpuinfo") as f:
+            for line in f:
+                if line.startswith("model name"):
+                    model = line.split(":", 1)[1].strip()
+                    break
+    except OSError:
+        pass
+    try:
+        cores = int(subprocess.check_output(["nproc"], text=True).strip())
+    except (OSError, ValueError, subprocess.CalledProcessError):
+        pass
+    mem = "unknown"
+    try:
+        with open("/proc/meminfo") as f:
+            for line in f:
+                if line.startswith("MemTotal"):
+                    mem = "%.1f GiB" % (int(line.split()[1]) / 1024.0 / 1024.0)
+                    break
+    except OSError:
+        pass
+    return model, cores, mem
+
+
+def fmt_rate(v):
+    return "%.0f" % v if v >= 100 else "%.1f" % v
+
+
+def us(runs, name):
+    return runs[name][0] / 1e3 if name in runs else float("nan")
+
+
+def plot(runs, docs_dir, results_dir):
+    series = [
+        ("Scaling/QueryIndexedField", "RetrieveObjects, indexed field"),
+        ("Scaling/QueryOtherField", "RetrieveObjects, other field (scan)"),
+        ("Scaling/TableSize", "GetObjTableSize"),
+        ("Scaling/Open/Lib", "open table (index rebuild + resync)"),
+        ("Scaling/Open/Raw", "raw prefix scan"),
+    ]
+    data = os.path.join(results_dir, "scaling.dat")
+    sizes = (1000, 10000, 100000)
+    with open(data, "w") as f:
+        for prefix, title in series:
+            f.write("# %s\n" % title)
+            for n in sizes:
+                name = "%s/%d" % (prefix, n)
+                if name in runs:
+                    f.write("%d %.6g\n" % (n, runs[name][0] / 1e3))
+            f.write("\n\n")
+    png = os.path.join(docs_dir, "scaling.png")
+    plots = ", ".join("'%s' index %d with linespoints lw 2 pt 7 title '%s'" % (data, i, title)
+                      for i, (_, title) in enumerate(series))
+    script = "\n".join([
+        "set terminal pngcairo size 900,600 font 'Sans,11'",
+        "set output '%s'" % png,
+        "set title 'LevelDB backend: cost per call against table size'",
+        "set logscale xy",
+        "set xlabel 'records in the table'",
+        "set ylabel 'microseconds per call (CPU time)'",
+        "set xtics ('1k' 1000, '10k' 10000, '100k' 100000)",
+        "set xrange [700:140000]",
+        "set grid",
+        "set key top left",
+        "plot " + plots,
+        "",
+    ])
+    subprocess.run(["gnuplot"], input=script, text=True, check=True)
+    return png
+
+
+def main():
+    results_dir, docs_dir, profile = sys.argv[1], sys.argv[2], sys.argv[3]
+    runs = load(results_dir)
+    rows = pairs(runs)
+    for label, lib, raw, ratio, _, _ in rows:
+        print("%s %s %s %.2f" % (label, fmt_rate(lib), fmt_rate(raw), ratio))
+
+    os.makedirs(docs_dir, exist_ok=True)
+    plot(runs, docs_dir, results_dir)
+    model, cores, mem = machine()
+    now = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC")
+    notes_path = os.path.join(os.path.dirname(os.path.abspath(__file__)), "notes.md")
+    with open(notes_path) as f:
+        notes = f.read()
+
+    lines = [
+        "# Benchmarks",
+        "",
+        "Generated by `bench/run%s` on %s." % (" --full" if profile == "full" else "", now),
+        "",
+        "Machine: %s, %d cores (nproc), %s memory, %s %s. The machine is shared: other engineers "
+        "were compiling on its 2 cores during the run, so wall-clock figures are noisy. "
+        "CPU-bound pairs are compared in CPU time; the SQLite file pairs, which wait on the disk, "
+        "in wall-clock time. Decisions about the code were taken on callgrind instruction counts, "
+        "not on these timings." % (model, cores, mem, platform.system(), platform.release()),
+        "",
+        "Profile: %s (%s)." % (profile, "--benchmark_min_time=0.5, median of 3 repetitions"
+                                if profile == "full" else "--benchmark_min_time=0.05, one run"),
+        "",
+        "## Library against the raw backend",
+        "",
+        "Ratio = library time per call / raw time per call (1.00 means as fast as the raw "
+        "backend). `Raw` is raw LevelDB with the library's keys and values; `Exec` is "
+        "`sqlite3_exec` of exactly the library's statement texts; `Prepared` is prepared "
+        "statements with bound values, one transaction per operation and no existence check.",
+        "",
+        "| Pair | library ops/s | raw ops/s | ratio | target | met |",
+        "|---|---:|---:|---:|---:|:---:|",
+    ]
+    for label, lib, raw, ratio, target, counters in rows:
+        met = "" if target is None else ("yes" if ratio <= target else "no")
+        tgt = "" if target is None else "%.1fx" % target
+        lines.append("| %s | %s | %s | %.2f | %s | %s |" % (label, fmt_rate(lib), fmt_rate(raw),
+                                                           ratio, tgt, met))
+    lines += [
+        "",
+        "## What required behaviour costs on its own",
+        "",
+        "| Measurement | time per call |",
+        "|---|---:|",
+    ]
+    for name in sorted(runs):
+        if "/Cost/" in name:
+            lines.append("| %s | %.2f us |" % (name, runs[name][0] / 1e3))
+    lines += [
+        "",
+        "## Scaling (LevelDB)",
+        "",
+        "![scaling](scaling.png)",
+        "",
+        "| Records | indexed query | scan query | table size | open table | raw prefix scan "
+        "| index bytes/record |",
+        "|---:|---:|---:|---:|---:|---:|---:|",
+    ]
+    for n in (1000, 10000, 100000):
+        ib = runs.get("Scaling/Open/Lib/%d" % n, (0, {}))[1].get("index_bytes_per_record")
+        lines.append("| %d | %.2f us | %.0f us | %.0f us | %.0f us | %.0f us | %s |" % (
+            n, us(runs, "Scaling/QueryIndexedField/%d" % n),
+            us(runs, "Scaling/QueryOtherField/%d" % n), us(runs, "Scaling/TableSize/%d" % n),
+            us(runs, "Scaling/Open/Lib/%d" % n), us(runs, "Scaling/Open/Raw/%d" % n),
+            "%.0f" % ib if ib is not None else "n/a"))
+    lines += ["", notes.strip(), ""]
+    with open(os.path.join(docs_dir, "benchmarks.md"), "w") as f:
+        f.write("\n".join(lines))
+
+
+if __name__ == "__main__":
+    main()
