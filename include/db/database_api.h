@@ -32,9 +32,9 @@ enum ResultCode : int32_t {
   kNotConnected = -2,  // not connected, or not supported by the backend
   kAlreadyDeclared = -3,
   kNotFound = -4,
-  kBusy = -6,          // SQLite still busy after its busy time-out
+  kBusy = -6,  // SQLite still busy after its busy time-out
   kCorruption = -7,
-  kTraversalLoad = -8, // a traversal could not load a listed record
+  kTraversalLoad = -8,  // a traversal could not load a listed record
 };
 
 // Receives a whole-table dump (PrintDatabase).

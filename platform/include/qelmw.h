@@ -21,8 +21,7 @@ ELEM_PLATFORM_EXPORT const char* qelmw_app_name(const qelmw_t* mw);
 
 // Registers the trace category `name` for `mw` and returns its zlog category;
 // null when `mw` or `name` is null.
-ELEM_PLATFORM_EXPORT zlog_category_t* qelmw_trace_register_category(const char* name,
-                                                                    qelmw_t* mw);
+ELEM_PLATFORM_EXPORT zlog_category_t* qelmw_trace_register_category(const char* name, qelmw_t* mw);
 
 #ifdef __cplusplus
 }

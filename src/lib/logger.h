@@ -31,8 +31,8 @@ class Logger {
 
 // One zlog call with the source file (relative to the source root), the bare
 // function name and the line. Formats of error lines begin with "ERROR".
-#define DB_LOG(level, ...)                                                                  \
-  zlog(::db::Logger::Instance().trccat(), __FILE__, sizeof(__FILE__) - 1, __func__,         \
+#define DB_LOG(level, ...)                                                          \
+  zlog(::db::Logger::Instance().trccat(), __FILE__, sizeof(__FILE__) - 1, __func__, \
        sizeof(__func__) - 1, __LINE__, (level), __VA_ARGS__)
 #define DB_LOG_INFO(...) DB_LOG(::db::kLogLevelInfo, __VA_ARGS__)
 #define DB_LOG_ERROR(...) DB_LOG(::db::kLogLevelError, __VA_ARGS__)
