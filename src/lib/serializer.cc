@@ -121,6 +121,11 @@ void Serializer::ParseSizeToVector(std::vector<uint32_t>& sizes, uint32_t& pos,
       remaining = std::stoi(token, nullptr, 10);
       first = false;
       token.clear();
+      // One push per length; every length needs at least its comma, so a
+      // corrupt count cannot reserve more than the text holds.
+      if (remaining > 0) {
+        sizes.reserve(sizes.size() + std::min<size_t>(static_cast<size_t>(remaining), end));
+      }
     } else {
       sizes.push_back(token.empty() ? 0u : static_cast<uint32_t>(std::stoi(token, nullptr, 10)));
       --remaining;
@@ -148,7 +153,8 @@ void Serializer::DeserializeToVector(std::vector<std::string>& values,
 
 void Serializer::DeserializeScalar(const std::string& text, ScalarFields& fields) const {
   if (text.empty()) return;
-  std::string name;
+  // The field being decoded, for the error message; pointed to, not copied.
+  const std::string* name = nullptr;
   std::string value;
   try {
     std::vector<uint32_t> sizes;
@@ -157,7 +163,7 @@ void Serializer::DeserializeScalar(const std::string& text, ScalarFields& fields
     uint64_t pos = start;
     auto it = fields.begin();
     for (size_t i = 0; i < sizes.size() && it != fields.end(); ++i, ++it) {
-      name = it->first;
+      name = &it->first;
       value.clear();
       Attribute& attr = it->second;
       const uint32_t size = sizes[i];
@@ -172,7 +178,7 @@ void Serializer::DeserializeScalar(const std::string& text, ScalarFields& fields
   } catch (const std::exception& e) {
     DB_LOG_ERROR(
         "ERROR: Failed to deserialize the scalar attribute='%s', value='%s', exception='%s'",
-        name.c_str(), value.c_str(), e.what());
+        name != nullptr ? name->c_str() : "", value.c_str(), e.what());
     // A half-decoded record is worse than none: the caller sees it empty.
     fields.clear();
   }
