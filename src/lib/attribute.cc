@@ -132,11 +132,17 @@ Attribute& Attribute::operator=(int32_t v) {
   return *this;
 }
 
+// GCC 12 at -O3 reports a false maybe-uninitialized inside boost::variant's
+// assignment of a float (through its temporary copy); the value is always
+// initialised.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 Attribute& Attribute::operator=(float v) {
   value_ = v;
   is_set_ = true;
   return *this;
 }
+#pragma GCC diagnostic pop
 
 Attribute& Attribute::operator=(const std::string& v) {
   value_ = v;
