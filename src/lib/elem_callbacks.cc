@@ -60,6 +60,20 @@ void PrintUsage(ELEM_CMD_CONTEXT_ST* ctx) {
 
 void PrintError(ELEM_CMD_CONTEXT_ST* ctx, const char* text) { ElemCmdPrintf(ctx, "%s", text); }
 
+// Reads the start-id [num-entries] arguments; false, after telling the user
+// why, when they are missing or not valid.
+bool ReadRange(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, int32_t* start, int32_t* num) {
+  if (argc < 1) {
+    PrintUsage(ctx);
+    return false;
+  }
+  if (!ParseRange(argc, argv, start, num)) {
+    PrintError(ctx, ErrorMgs::KInvalidArgs);
+    return false;
+  }
+  return true;
+}
+
 // The shown text of one value, one word wherever a blank could appear.
 std::string ValueText(const Attribute& value, PrintFormat format) {
   std::string text = DbObject::RenderValue(value, format);
@@ -116,16 +130,9 @@ void PrintRecord(ELEM_CMD_CONTEXT_ST* ctx, const DbObject& object, uint32_t id,
 
 int DumpObjectToElem(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
   const DbObject& object = *static_cast<const DbObject*>(user);
-  if (argc < 1) {
-    PrintUsage(ctx);
-    return 0;
-  }
   int32_t start = 0;
   int32_t num = kAll;
-  if (!ParseRange(argc, argv, &start, &num)) {
-    PrintError(ctx, ErrorMgs::KInvalidArgs);
-    return 0;
-  }
+  if (!ReadRange(ctx, argc, argv, &start, &num)) return 0;
   const bool start_all = start == kAll;
   if (start_all) start = 1;
 
@@ -188,16 +195,9 @@ int GetDbSizeToElem(ELEM_CMD_CONTEXT_ST* ctx, int, char**, void* user) {
 
 int RetrieveRecordObjectToElem(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
   const DbObject& object = *static_cast<const DbObject*>(user);
-  if (argc < 1) {
-    PrintUsage(ctx);
-    return 0;
-  }
   int32_t start = 0;
   int32_t num = kAll;
-  if (!ParseRange(argc, argv, &start, &num)) {
-    PrintError(ctx, ErrorMgs::KInvalidArgs);
-    return 0;
-  }
+  if (!ReadRange(ctx, argc, argv, &start, &num)) return 0;
   // One record only: "all" is not an id here, and is reported as -1.
   if (start <= 0) {
     ElemCmdPrintf(ctx, ErrorMgs::kInvalidId, start);
