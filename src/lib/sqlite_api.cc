@@ -86,6 +86,20 @@ CompositeFields SetComposites(const CompositeFields& composite) {
   return result;
 }
 
+// Column type of a field of kind `type`.
+const char* SqlTypeOf(AttributeType type) {
+  switch (type) {
+    case kInteger:
+      return "INTEGER";
+    case kString:
+      return "TEXT";
+    case kFloat:
+      return "REAL";
+    default:
+      return "BLOB";
+  }
+}
+
 }  // namespace
 
 int Callback(void*, int, char**, char**) { return 0; }
@@ -219,29 +233,11 @@ std::string SqliteAPI::CompositeFieldTableName(const std::string& table, const s
 }
 
 std::string SqliteAPI::GetFieldSqlType(const Attribute& attribute) {
-  switch (attribute.type()) {
-    case kInteger:
-      return "INTEGER";
-    case kString:
-      return "TEXT";
-    case kFloat:
-      return "REAL";
-    default:
-      return "BLOB";
-  }
+  return SqlTypeOf(attribute.type());
 }
 
 std::string SqliteAPI::GetFieldSqlType(const CompositeField& field) {
-  switch (field.first) {
-    case kInteger:
-      return "INTEGER";
-    case kString:
-      return "TEXT";
-    case kFloat:
-      return "REAL";
-    default:
-      return "BLOB";
-  }
+  return SqlTypeOf(field.first);
 }
 
 std::string SqliteAPI::GetDatabaseFieldNames(const ScalarFields& scalar) {
