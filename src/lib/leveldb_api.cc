@@ -277,6 +277,15 @@ void LeveldbAPI::PutCompositeKeysOnBatch(leveldb::WriteBatch& batch, uint32_t id
   }
 }
 
+leveldb::Status LeveldbAPI::WriteRecord(uint32_t id, const ScalarFields& scalars,
+                                        const CompositeFields& composites) {
+  leveldb::DB* db = Handle();
+  if (db == nullptr) return leveldb::Status::IOError("Disconnected");
+  leveldb::WriteBatch batch;
+  serializer_.PutOnBatch(batch, table_name_, id, scalars, composites);
+  return db->Write(write_options_, &batch);
+}
+
 int LeveldbAPI::StoreRecord(uint32_t id, const ScalarFields& scalars,
                             const CompositeFields& composites) {
   // A read error is not proof that the id is taken: the store goes on.
@@ -286,13 +295,7 @@ int LeveldbAPI::StoreRecord(uint32_t id, const ScalarFields& scalars,
     return kFailure;
   }
   if (!CheckTableExistence() || !IsValidSchema(scalars, composites)) return kFailure;
-  leveldb::DB* db = Handle();
-  leveldb::Status status = leveldb::Status::IOError("Disconnected");
-  if (db != nullptr) {
-    leveldb::WriteBatch batch;
-    serializer_.PutOnBatch(batch, table_name_, id, scalars, composites);
-    status = db->Write(write_options_, &batch);
-  }
+  const leveldb::Status status = WriteRecord(id, scalars, composites);
   if (!status.ok()) {
     DB_LOG_ERROR("ERROR: Write status='%s', table='%s', id=%d", status.ToString().c_str(),
                  table_name_.c_str(), static_cast<int>(id));
@@ -314,16 +317,10 @@ int LeveldbAPI::UpdateRecord(uint32_t id, const ScalarFields& scalars,
                  static_cast<int>(id));
     return r;
   }
-  leveldb::DB* db = Handle();
-  leveldb::Status status = leveldb::Status::IOError("Disconnected");
-  if (db != nullptr) {
-    // A repeated field given with an empty vector is neither written nor
-    // deleted, so it keeps its stored elements: callers update the scalar part
-    // alone by passing empty vectors. Intended.
-    leveldb::WriteBatch batch;
-    serializer_.PutOnBatch(batch, table_name_, id, scalars, composites);
-    status = db->Write(write_options_, &batch);
-  }
+  // A repeated field given with an empty vector is neither written nor
+  // deleted, so it keeps its stored elements: callers update the scalar part
+  // alone by passing empty vectors. Intended.
+  const leveldb::Status status = WriteRecord(id, scalars, composites);
   if (!status.ok()) {
     DB_LOG_ERROR("ERROR: Write status='%s', table='%s', id=%d", status.ToString().c_str(),
                  table_name_.c_str(), static_cast<int>(id));

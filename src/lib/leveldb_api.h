@@ -89,6 +89,9 @@ class LeveldbAPI : public DatabaseAPI {
   int RetrieveRecordComposite(const std::string& table, const std::string& field, uint32_t id,
                               std::string& value) const;
   void PutCompositeKeysOnBatch(leveldb::WriteBatch& batch, uint32_t id) const;
+  // Writes the given fields of record `id` in one batch.
+  leveldb::Status WriteRecord(uint32_t id, const ScalarFields& scalars,
+                              const CompositeFields& composites);
   bool IsValidSchema(const ScalarFields& scalar, const CompositeFields& composite) const;
   ScalarFields GetTableSchema() const;
   int RetrieveAllIds(std::list<uint32_t>& ids, const std::string& table) const;
