@@ -6,7 +6,12 @@
 #include <array>
 #include <string>
 
+#include "text_digits.h"
+
 namespace {
+
+using text_digits::HexDigit;
+using text_digits::ParseSmallDecimal;
 
 // Kind numbers (byte 0 of an id) and their names; index = kind.
 constexpr uint8_t kKindEth = 1;
@@ -27,29 +32,6 @@ uint32_t IdOf(const IdBytes& bytes) {
   uint32_t limid;
   memcpy(&limid, bytes.data(), bytes.size());
   return limid;
-}
-
-// Parses the canonical decimal form of a number up to `max`: digits only, no
-// sign, no leading zero except in "0". One spelling per value keeps names and
-// ids one-to-one.
-bool ParseDecimal(const std::string& text, uint32_t max, uint32_t* value) {
-  if (text.empty() || text.size() > 5) return false;
-  if (text.size() > 1 && text[0] == '0') return false;
-  uint32_t result = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    result = result * 10 + static_cast<uint32_t>(c - '0');
-  }
-  if (result > max) return false;
-  *value = result;
-  return true;
-}
-
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
 }
 
 // "0x" and exactly eight hex digits, the first pair being byte 0.
@@ -107,8 +89,8 @@ int limid_from_intfname(const char* name, uint32_t* limid) {
   uint32_t port = 0;
   if (kind == kKindNames[kKindEth]) {
     size_t slash = rest.find('/');
-    if (slash == std::string::npos || !ParseDecimal(rest.substr(0, slash), 0xff, &slot) ||
-        !ParseDecimal(rest.substr(slash + 1), 0xffff, &port)) {
+    if (slash == std::string::npos || !ParseSmallDecimal(rest.substr(0, slash), 5, 0xff, &slot) ||
+        !ParseSmallDecimal(rest.substr(slash + 1), 5, 0xffff, &port)) {
       return -1;
     }
     bytes[0] = kKindEth;
@@ -117,7 +99,7 @@ int limid_from_intfname(const char* name, uint32_t* limid) {
     for (uint8_t k = kKindEth + 1; k <= kKindLast; ++k) {
       if (kind == kKindNames[k]) found = k;
     }
-    if (found == 0 || !ParseDecimal(rest, 0xffff, &port)) return -1;
+    if (found == 0 || !ParseSmallDecimal(rest, 5, 0xffff, &port)) return -1;
     bytes[0] = found;
   }
   bytes[1] = static_cast<uint8_t>(slot);

@@ -6,32 +6,14 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "text_digits.h"
+
 namespace nettypes {
 
 namespace {
 
-// Value of one hexadecimal digit, or -1.
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-// Parses a plain decimal number of at most `max_digits` digits (no sign, no
-// blanks, no leading zero except in "0") that is at most `max`.
-bool ParseSmallDecimal(const std::string& text, size_t max_digits, uint32_t max, uint32_t* value) {
-  if (text.empty() || text.size() > max_digits) return false;
-  if (text.size() > 1 && text[0] == '0') return false;
-  uint32_t result = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    result = result * 10 + static_cast<uint32_t>(c - '0');
-  }
-  if (result > max) return false;
-  *value = result;
-  return true;
-}
+using text_digits::HexDigit;
+using text_digits::ParseSmallDecimal;
 
 // The four bytes as one value, first byte most significant. Built from the
 // bytes themselves, so the host's byte order does not enter.
