@@ -181,31 +181,6 @@ char** CompleteCommandWord(const char* text, int start, int /*end*/) {
   return rl_completion_matches(text, NextCandidate);
 }
 
-int RunInteractive(db_shell::Shell* shell) {
-  rl_readline_name = "db-shell";
-  g_completion_texts = &shell->command_texts();
-  rl_attempted_completion_function = CompleteCommandWord;
-  int status = kExitOk;
-  for (;;) {
-    char* raw = readline("db-shell> ");
-    if (raw == nullptr) {  // end of input (Ctrl-D)
-      fputc('\n', stdout);
-      break;
-    }
-    const std::string line = raw;
-    free(raw);
-    if (line.find_first_not_of(" \t") != std::string::npos) add_history(line.c_str());
-    const db_shell::Shell::Outcome outcome = shell->Execute(line, stdout);
-    fflush(stdout);
-    if (outcome == db_shell::Shell::Outcome::kQuit) break;
-    if (outcome == db_shell::Shell::Outcome::kUnknown ||
-        outcome == db_shell::Shell::Outcome::kRefused) {
-      status = kExitCommandFailed;
-    }
-  }
-  return status;
-}
-
 template <class NextLine>
 int RunLines(db_shell::Shell* shell, NextLine next_line) {
   int status = kExitOk;
@@ -220,6 +195,23 @@ int RunLines(db_shell::Shell* shell, NextLine next_line) {
     }
   }
   return status;
+}
+
+int RunInteractive(db_shell::Shell* shell) {
+  rl_readline_name = "db-shell";
+  g_completion_texts = &shell->command_texts();
+  rl_attempted_completion_function = CompleteCommandWord;
+  return RunLines(shell, [](std::string* line) {
+    char* raw = readline("db-shell> ");
+    if (raw == nullptr) {  // end of input (Ctrl-D)
+      fputc('\n', stdout);
+      return false;
+    }
+    *line = raw;
+    free(raw);
+    if (line->find_first_not_of(" \t") != std::string::npos) add_history(line->c_str());
+    return true;
+  });
 }
 
 }  // namespace
