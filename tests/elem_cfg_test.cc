@@ -7,11 +7,11 @@
 
 namespace {
 
-TEST(ElemCfgTest, LogClassesRoundTripThroughTheirHandles) {
-  const char* const names[] = {"userLog", "devLog", "remoteUserLog"};
+TEST(ElemCfgTest, LogClassesSeveritiesAndCategories) {
+  const char* const classes[] = {"userLog", "devLog", "remoteUserLog"};
   for (int handle = 0; handle < 3; ++handle) {
-    EXPECT_EQ(handle, ElemLogCfgGetHandle(names[handle]));
-    EXPECT_STREQ(names[handle], ElemLogCfgGetBaseClass(handle));
+    EXPECT_EQ(handle, ElemLogCfgGetHandle(classes[handle]));
+    EXPECT_STREQ(classes[handle], ElemLogCfgGetBaseClass(handle));
   }
   for (const char* unknown : {"", "userlog", "userLog ", "sysLog"}) {
     EXPECT_EQ(-1, ElemLogCfgGetHandle(unknown)) << unknown;
@@ -19,23 +19,19 @@ TEST(ElemCfgTest, LogClassesRoundTripThroughTheirHandles) {
   EXPECT_EQ(-1, ElemLogCfgGetHandle(nullptr));
   EXPECT_EQ(nullptr, ElemLogCfgGetBaseClass(-1));
   EXPECT_EQ(nullptr, ElemLogCfgGetBaseClass(3));
-}
 
-TEST(ElemCfgTest, SeveritiesFollowSyslogNumbering) {
-  const char* const expected[] = {"Emergency", "Alert",  "Critical",      "Error",
-                                  "Warning",   "Notice", "Informational", "Debug"};
+  const char* const severities[] = {"Emergency", "Alert",  "Critical",      "Error",
+                                    "Warning",   "Notice", "Informational", "Debug"};
   for (int severity = 0; severity < 8; ++severity) {
-    EXPECT_STREQ(expected[severity], ElemLogCfgCalloutGetClassName(severity));
+    EXPECT_STREQ(severities[severity], ElemLogCfgCalloutGetClassName(severity));
   }
   EXPECT_EQ(nullptr, ElemLogCfgCalloutGetClassName(-1));
   EXPECT_EQ(nullptr, ElemLogCfgCalloutGetClassName(8));
-}
 
-TEST(ElemCfgTest, CategoriesAreDistinctNullTerminatedAndIncludeTheLibrary) {
+  // Distinct, non-empty, null-terminated, and the library's own among them.
   const int count = ElemWebCfgGetNumCategories();
   const char* const* categories = ElemWebCfgGetCategories();
   ASSERT_GT(count, 0);
-  ASSERT_NE(nullptr, categories);
   std::set<std::string> seen;
   for (int i = 0; i < count; ++i) {
     ASSERT_NE(nullptr, categories[i]) << i;

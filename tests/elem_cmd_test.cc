@@ -9,11 +9,12 @@
 
 namespace {
 
-// What a callback saw, for the assertions.
+using Callback = int (*)(ELEM_CMD_CONTEXT_ST*, int, char**, void*);
+
+// What a recording callback saw.
 struct Seen {
   int calls = 0;
   std::vector<std::string> args;
-  bool argv_terminated = false;
   int web = -1;
 };
 
@@ -21,7 +22,7 @@ int Record(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
   auto* seen = static_cast<Seen*>(user);
   ++seen->calls;
   seen->args.assign(argv, argv + argc);
-  seen->argv_terminated = argv[argc] == nullptr;
+  EXPECT_EQ(nullptr, argv[argc]);
   seen->web = ElemCmdWebInterface(ctx);
   return 0;
 }
@@ -30,6 +31,10 @@ class ElemCmdTest : public ::testing::Test {
  protected:
   void SetUp() override { group_ = ElemCmdGroupCreate("test"); }
   void TearDown() override { ElemCmdGroupDestroy(group_); }
+
+  int Register(const char* command, Callback callback, void* user = nullptr) {
+    return ElemCmdRegisterCommand(group_, command, "h", "d", 0, 0, callback, user);
+  }
 
   // Runs `line` and returns what the command printed; `*rc` gets the result.
   std::string Run(const std::string& line, int* rc = nullptr, bool web = false) {
@@ -49,178 +54,114 @@ class ElemCmdTest : public ::testing::Test {
 };
 
 TEST_F(ElemCmdTest, LongestMatchingCommandRunsWithTheRemainingWords) {
-  Seen show, show_table, show_table_t;
-  ASSERT_EQ(0, ElemCmdRegisterCommand(group_, "Show", "h", "d", 0, 0, Record, &show));
-  ASSERT_EQ(0,
-            ElemCmdRegisterCommand(group_, "Show Table T", "h", "d", 0, 0, Record, &show_table_t));
-  ASSERT_EQ(0, ElemCmdRegisterCommand(group_, "Show Table", "h", "d", 0, 0, Record, &show_table));
-
-  struct Case {
+  Seen show, table, table_t;
+  ASSERT_EQ(0, Register("Show", Record, &show));
+  ASSERT_EQ(0, Register("Show Table T", Record, &table_t));
+  ASSERT_EQ(0, Register("Show Table", Record, &table));
+  const struct {
     const char* line;
     Seen* expected;
     std::vector<std::string> args;
-  };
-  const std::vector<Case> cases = {
-      {"Show Table T x y", &show_table_t, {"x", "y"}},
-      {"  Show   Table\tT  ", &show_table_t, {}},
-      {"Show Table Tx", &show_table, {"Tx"}},
+  } cases[] = {
+      {"Show Table T x y", &table_t, {"x", "y"}},
+      {"  Show   Table\tT  ", &table_t, {}},
+      {"Show Table Tx", &table, {"Tx"}},
       {"Show Tablex", &show, {"Tablex"}},
       {"Show \"Table T\" 1", &show, {"Table T", "1"}},
       {"Show a \"b  c\" \"\" d\"e f\"", &show, {"a", "b  c", "", "de f"}},
       {"Show \"open quote", &show, {"open quote"}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.line);
-    Seen before = *c.expected;
+    const int calls = c.expected->calls;
     int rc = -2;
     Run(c.line, &rc);
-    EXPECT_EQ(0, rc);
-    EXPECT_EQ(before.calls + 1, c.expected->calls);
-    EXPECT_EQ(c.args, c.expected->args);
-    EXPECT_TRUE(c.expected->argv_terminated);
-    EXPECT_EQ(0, c.expected->web);
+    EXPECT_EQ(0, rc) << c.line;
+    EXPECT_EQ(calls + 1, c.expected->calls) << c.line;
+    EXPECT_EQ(c.args, c.expected->args) << c.line;
   }
   EXPECT_EQ(4, show.calls);
-  EXPECT_EQ(1, show_table.calls);
-  EXPECT_EQ(2, show_table_t.calls);
-}
+  EXPECT_EQ(0, show.web);
+  Run("Show", nullptr, /*web=*/true);
+  EXPECT_EQ(1, show.web);
 
-TEST_F(ElemCmdTest, LineWithoutRegisteredCommandIsRefused) {
-  Seen seen;
-  ASSERT_EQ(0, ElemCmdRegisterCommand(group_, "Get Size T", "", "", 0, 0, Record, &seen));
-  for (const char* line : {"", "   ", "Get", "Get Size", "Get SizeT", "get size T", "Size T"}) {
+  // Nothing runs for a line that no command starts.
+  for (const char* line : {"", "   ", "Sho", "Showx", "show", "Table T"}) {
     int rc = 0;
     EXPECT_EQ("", Run(line, &rc)) << line;
     EXPECT_EQ(-1, rc) << line;
   }
-  EXPECT_EQ(0, seen.calls);
   FILE* out = tmpfile();
-  EXPECT_EQ(-1, ElemCmdExecute(nullptr, "Get Size T", out));
+  EXPECT_EQ(-1, ElemCmdExecute(nullptr, "Show", out));
   EXPECT_EQ(-1, ElemCmdExecute(group_, nullptr, out));
-  EXPECT_EQ(-1, ElemCmdExecute(group_, "Get Size T", nullptr));
+  EXPECT_EQ(-1, ElemCmdExecute(group_, "Show", nullptr));
   fclose(out);
-  EXPECT_EQ(0, seen.calls);
+  EXPECT_EQ(5, show.calls);
 }
 
-TEST_F(ElemCmdTest, RegistrationKeepsTextsFlagsAndOrder) {
-  Seen seen;
-  ASSERT_EQ(0, ElemCmdRegisterCommand(group_, "Dump  T", "Dump T", "Dump T Information", 3, 5120,
-                                      Record, &seen));
-  ASSERT_EQ(0, ElemCmdRegisterCommand(group_, "Get Size T", nullptr, nullptr, 0, 7, Record, &seen));
-  EXPECT_EQ(-1, ElemCmdRegisterCommand(group_, "Dump T", "other", "", 0, 0, Record, &seen));
-  EXPECT_EQ(-1, ElemCmdRegisterCommand(group_, "  ", "", "", 0, 0, Record, &seen));
-  EXPECT_EQ(-1, ElemCmdRegisterCommand(group_, nullptr, "", "", 0, 0, Record, &seen));
-  EXPECT_EQ(-1, ElemCmdRegisterCommand(group_, "X", "", "", 0, 0, nullptr, &seen));
-  EXPECT_EQ(-1, ElemCmdRegisterCommand(nullptr, "X", "", "", 0, 0, Record, &seen));
-
-  ASSERT_EQ(2u, ElemCmdCommandCount(group_));
-  EXPECT_STREQ("Dump T", ElemCmdCommandText(group_, 0));
-  EXPECT_STREQ("Dump T", ElemCmdCommandHelp(group_, 0));
-  EXPECT_STREQ("Dump T Information", ElemCmdCommandDescription(group_, 0));
+TEST_F(ElemCmdTest, RegistrationRefusesDuplicatesAndMissingParts) {
+  ASSERT_EQ(0,
+            ElemCmdRegisterCommand(group_, "Get  Size", nullptr, nullptr, 3, 7, Record, nullptr));
+  for (const char* command : {"Get Size", "  ", static_cast<const char*>(nullptr)}) {
+    EXPECT_EQ(-1, Register(command, Record));
+  }
+  EXPECT_EQ(-1, Register("X", nullptr));
+  EXPECT_EQ(-1, ElemCmdRegisterCommand(nullptr, "X", "", "", 0, 0, Record, nullptr));
+  ASSERT_EQ(1u, ElemCmdCommandCount(group_));
+  EXPECT_STREQ("Get Size", ElemCmdCommandText(group_, 0));  // blanks collapsed
+  EXPECT_STREQ("", ElemCmdCommandHelp(group_, 0));
   EXPECT_EQ(3, ElemCmdCommandAccessLevel(group_, 0));
-  EXPECT_EQ(5120u, ElemCmdCommandFlags(group_, 0));
-  EXPECT_STREQ("Get Size T", ElemCmdCommandText(group_, 1));
-  EXPECT_STREQ("", ElemCmdCommandHelp(group_, 1));
-  EXPECT_EQ(7u, ElemCmdCommandFlags(group_, 1));
-  EXPECT_EQ(nullptr, ElemCmdCommandText(group_, 2));
-  EXPECT_EQ(0u, ElemCmdCommandCount(nullptr));
+  EXPECT_EQ(7u, ElemCmdCommandFlags(group_, 0));
+  EXPECT_EQ(nullptr, ElemCmdCommandText(group_, 1));
   EXPECT_STREQ("test", ElemCmdGroupName(group_));
 }
 
-// Prints what the test's `user` string says, through the output calls.
-int Script(ELEM_CMD_CONTEXT_ST* ctx, int, char**, void* user) {
-  const std::string which = static_cast<const char*>(user);
-  if (which == "record") {
+// The debug commands' outputs check the usual layouts exactly; here the limits.
+TEST_F(ElemCmdTest, TablesPrintAsAlignedColumnsUnderTheirTitle) {
+  Register("record", [](ELEM_CMD_CONTEXT_ST* ctx, int, char**, void*) {
     const uint32_t widths[] = {4, 20};
-    ElemCmdPrintf(ctx, "Dumping %s information\n\n", "T");
-    ElemCmdStartTable(ctx, "T Internal Information", 2, 0, widths, 8, 30);
-    ElemCmdTableEntry(ctx, 0, "Id");
-    ElemCmdTableEntry(ctx, 1, "%d", 7);
-    ElemCmdTableEntry(ctx, 1, "Content");
+    ElemCmdStartTable(ctx, "T", 2, 0, widths, 8, 30);
     ElemCmdTableEntry(ctx, 0, "%s", "a_long_display_name");
-    ElemCmdTableEntry(ctx, 1, "%s", "v");
-    ElemCmdEndTable(ctx);
-  } else if (which == "heading") {
-    ElemCmdStartTable(ctx, "T ids", 2, ELEM_CMD_TABLE_HEADING, nullptr, 4, 0);
-    ElemCmdTableEntry(ctx, ELEM_CMD_NEXT_COLUMN, "Entry Num.");
-    ElemCmdTableEntry(ctx, ELEM_CMD_NEXT_COLUMN, "Entry Id");
-    ElemCmdTableEntry(ctx, ELEM_CMD_NEXT_COLUMN, "%d", 1);
-    ElemCmdTableEntry(ctx, ELEM_CMD_NEXT_COLUMN, "%d", 12);
-  } else if (which == "wrap") {
+    ElemCmdTableEntry(ctx, 1, "%d", 7);
+    return ElemCmdEndTable(ctx);
+  });
+  // The longest cell (19) beats the wanted 4; the second column keeps its 20.
+  const std::string rule(19 + 2 + 20, '-');
+  EXPECT_EQ("T\n" + rule + "\na_long_display_name  7\n" + rule + "\n", Run("record"));
+  // Columns never grow beyond the maximum of 5: longer cells wrap.
+  Register("wrap", [](ELEM_CMD_CONTEXT_ST* ctx, int, char**, void*) {
     const uint32_t widths[] = {2, 2};
     ElemCmdStartTable(ctx, "W", 2, 0, widths, 1, 5);
     ElemCmdTableEntry(ctx, 0, "abcdefghijkl");
-    ElemCmdTableEntry(ctx, 1, "xy");
-  } else if (which == "errors") {
+    return ElemCmdTableEntry(ctx, 1, "xy");
+  });
+  EXPECT_EQ("W\n---------\nabcde  xy\nfghij\nkl\n---------\n", Run("wrap"));
+}
+
+TEST_F(ElemCmdTest, MisuseIsRefusedAndUsageNamesTheCommand) {
+  Register("errors", [](ELEM_CMD_CONTEXT_ST* ctx, int, char**, void*) {
     ElemCmdPrintf(ctx, "%d %d %d\n", ElemCmdTableEntry(ctx, 0, "x"), ElemCmdEndTable(ctx),
                   ElemCmdStartTable(ctx, "t", 0, 0, nullptr, 0, 0));
     ElemCmdStartTable(ctx, "t", 1, 0, nullptr, 8, 0);
     ElemCmdPrintf(ctx, "%d %d\n", ElemCmdTableEntry(ctx, 1, "x"), ElemCmdTableEntry(ctx, -2, "x"));
-    ElemCmdEndTable(ctx);
-  } else if (which == "usage") {
+    return ElemCmdEndTable(ctx);
+  });
+  EXPECT_EQ("-1 -1 -1\n-1 -1\nt\n--------\n--------\n", Run("errors"));
+  EXPECT_EQ(-1, ElemCmdPrintf(nullptr, "x"));
+  EXPECT_EQ(-1, ElemCmdUsage(nullptr, "x"));
+  EXPECT_EQ(0, ElemCmdWebInterface(nullptr));
+
+  Register("Dump  T", [](ELEM_CMD_CONTEXT_ST* ctx, int, char**, void*) {
     if (ElemCmdWebInterface(ctx)) {
       ElemCmdGetVarArgs(ctx, "Dump", 2);
     } else {
       ElemCmdUsage(ctx, "<id>");
     }
-  }
-  return 0;
-}
-
-TEST_F(ElemCmdTest, TablesPrintAsAlignedColumnsUnderTheirTitle) {
-  static char record[] = "record", heading[] = "heading", wrap[] = "wrap";
-  ASSERT_EQ(0, ElemCmdRegisterCommand(group_, "record", "", "", 0, 0, Script, record));
-  ASSERT_EQ(0, ElemCmdRegisterCommand(group_, "heading", "", "", 0, 0, Script, heading));
-  ASSERT_EQ(0, ElemCmdRegisterCommand(group_, "wrap", "", "", 0, 0, Script, wrap));
-
-  // First column: the longest cell (19) beats the wanted 4; second column:
-  // the wanted 20 is kept. Rules span both columns and the separator.
-  const std::string rule(19 + 2 + 20, '-');
-  EXPECT_EQ(
-      "Dumping T information\n\n"
-      "T Internal Information\n" +
-          rule +
-          "\n"
-          "Id                   7\n"
-          "                     Content\n"
-          "a_long_display_name  v\n" +
-          rule + "\n",
-      Run("record"));
-
-  // No wanted widths: the cells decide, but not below the minimum of 4; the
-  // table left open by the callback is printed when the command returns.
-  const std::string rule2(10 + 2 + 8, '-');
-  EXPECT_EQ(
-      "T ids\n" + rule2 + "\nEntry Num.  Entry Id\n" + rule2 + "\n1           12\n" + rule2 + "\n",
-      Run("heading"));
-
-  // Columns never grow beyond the maximum of 5: longer cells wrap.
-  EXPECT_EQ("W\n---------\nabcde  xy\nfghij\nkl\n---------\n", Run("wrap"));
-}
-
-TEST_F(ElemCmdTest, TableCallsRefuseMisuse) {
-  static char errors[] = "errors";
-  ASSERT_EQ(0, ElemCmdRegisterCommand(group_, "errors", "", "", 0, 0, Script, errors));
-  EXPECT_EQ("-1 -1 -1\n-1 -1\nt\n--------\n--------\n", Run("errors"));
-  EXPECT_EQ(-1, ElemCmdPrintf(nullptr, "x"));
-  EXPECT_EQ(-1, ElemCmdUsage(nullptr, "x"));
-  EXPECT_EQ(0, ElemCmdWebInterface(nullptr));
-}
-
-TEST_F(ElemCmdTest, UsageNamesTheCommandAndWebContextAsksForVarArgs) {
-  static char usage[] = "usage";
-  ASSERT_EQ(0, ElemCmdRegisterCommand(group_, "Dump  T", "", "", 0, 0, Script, usage));
+    return 0;
+  });
   EXPECT_EQ("Usage: Dump T <id>\n", Run("Dump T"));
   int rc = -2;
-  EXPECT_EQ("Dump: 2 variable arguments\n", Run("Dump T", &rc, true));
+  EXPECT_EQ("Dump: 2 variable arguments\n", Run("Dump T", &rc, /*web=*/true));
   EXPECT_EQ(0, rc);
-
-  Seen seen;
-  ASSERT_EQ(0, ElemCmdRegisterCommand(group_, "web", "", "", 0, 0, Record, &seen));
-  Run("web", nullptr, true);
-  EXPECT_EQ(1, seen.web);
-  Run("web");
-  EXPECT_EQ(0, seen.web);
 }
 
 }  // namespace
