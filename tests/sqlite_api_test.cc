@@ -254,7 +254,7 @@ TEST_F(SqliteApiTest, DeleteRecordsAndClearTable) {
   // Only the side tables named in the filter are cleaned, on purpose.
   std::vector<uint32_t> ids = {42};
   EXPECT_EQ(api_.DeleteRecords(&ids, {{"a", Int(1)}}, {{"g", {kString, {}}}}), 0);
-  EXPECT_THAT(ids, ElementsAre(42u, 1u, 2u));  // appended
+  EXPECT_THAT(ids, ElementsAre(1u, 2u));  // cleared first
   EXPECT_EQ(Count("T"), 2);
   EXPECT_EQ(Count("repeated_field_table_T_g"), 2);
   EXPECT_EQ(Count("repeated_field_table_T_f"), 4);

@@ -487,6 +487,9 @@ int SqliteAPI::DeleteRecord(uint32_t id, const std::vector<std::string>& composi
 
 int SqliteAPI::DeleteRecords(std::vector<uint32_t>* ids, const ScalarFields& scalar_filter,
                              const CompositeFields& composite_filter) {
+  // Only the ids deleted by this call come back: the caller releases every id
+  // listed, and a stale one would be handed out again while still stored.
+  if (ids != nullptr) ids->clear();
   std::vector<std::string> names;
   for (const auto& entry : composite_filter) names.push_back(entry.first);
   std::vector<uint32_t> found;
