@@ -1,6 +1,8 @@
 #include "serializer.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <stdexcept>
@@ -17,31 +19,57 @@ namespace db {
 
 namespace {
 
-// Lengths and values go into two strings that are joined once at the end.
-struct Encoder {
-  uint32_t count = 0;
-  std::string lengths;
-  std::string values;
+// Appends the decimal text of `value` (std::to_string's bytes).
+template <class T>
+void AppendDecimal(std::string& out, T value) {
+  char text[24];
+  const std::to_chars_result end = std::to_chars(text, text + sizeof(text), value);
+  // Pointer and length: an iterator-range append takes the slower replace path.
+  out.append(text, static_cast<size_t>(end.ptr - text));
+}
 
-  void Reserve(size_t entries) {
-    lengths.reserve(entries * 4);
-    values.reserve(entries * 8);
+// Builds one encoded value in place at the end of `out`: the value texts are
+// appended to `out` as they come, the count and the lengths (short, usually
+// within the small-string buffer) are collected aside and inserted in front of
+// the texts once at the end.
+class Encoder {
+ public:
+  Encoder(std::string& out, uint32_t count, size_t text_bytes) : out_(out), start_(out.size()) {
+    // Left to grow: a short head stays in the small-string buffer.
+    AppendDecimal(head_, count);
+    out_.reserve(start_ + head_.size() + static_cast<size_t>(count) * 3 + text_bytes);
   }
-  void Add(const std::string& text) {
-    ++count;
-    lengths += ',';
-    lengths += std::to_string(text.size());
-    values += ',';
-    values += text;
+  void AddEmpty() {
+    head_ += ",0";
+    out_ += ',';
   }
-  void AppendTo(std::string& out) const {
-    std::string head = std::to_string(count);
-    out.reserve(out.size() + head.size() + lengths.size() + values.size());
-    out += head;
-    out += lengths;
-    out += values;
+  void Add(const Attribute& attr) {
+    out_ += ',';
+    const size_t before = out_.size();
+    Serializer::AppendValueText(out_, attr);
+    head_ += ',';
+    AppendDecimal(head_, out_.size() - before);
   }
+  void Finish() { out_.insert(start_, head_); }
+
+ private:
+  std::string& out_;
+  const size_t start_;
+  std::string head_;
 };
+
+// Bytes of the value texts for a first reservation: exact for strings and
+// bytes, a bound for the short texts of numbers.
+size_t TextBytesHint(const Attribute& attr) {
+  switch (attr.type()) {
+    case kString:
+      return attr.Get<std::string>().size() + 1;
+    case kBytes:
+      return attr.Get<std::vector<uint8_t>>().size() + 1;
+    default:
+      return 13;
+  }
+}
 
 // Converts a stored value text by `type`. std::stoi/std::stof exceptions pass.
 // Returns false for a type outside 0..3.
@@ -66,42 +94,99 @@ bool ParseValue(AttributeType type, const std::string& text, Attribute& attr) {
 
 }  // namespace
 
+void Serializer::AppendValueText(std::string& out, const Attribute& attr) {
+  if (!attr.is_set()) {
+    out += Attribute::kToStringUnset;
+    return;
+  }
+  switch (attr.type()) {
+    case kInteger:
+      AppendDecimal(out, attr.Get<int32_t>());
+      return;
+    case kString:
+      out += attr.Get<std::string>();
+      return;
+    case kFloat: {
+      // The same conversion as Attribute::ToString: "%.6g" of the value as
+      // double.
+      char text[32];
+      const std::to_chars_result end =
+          std::to_chars(text, text + sizeof(text), static_cast<double>(attr.Get<float>()),
+                        std::chars_format::general, 6);
+      out.append(text, static_cast<size_t>(end.ptr - text));
+      return;
+    }
+    case kBytes: {
+      const auto& bytes = attr.Get<std::vector<uint8_t>>();
+      out.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+      return;
+    }
+  }
+  out += Attribute::kToStringInvalid;
+}
+
 void Serializer::SerializeScalar(std::string& out, const ScalarFields& fields) const {
-  Encoder enc;
-  enc.Reserve(fields.size());
-  for (const auto& [name, attr] : fields) {
+  size_t text_bytes = 0;
+  for (const auto& entry : fields) text_bytes += TextBytesHint(entry.second);
+  Encoder enc(out, static_cast<uint32_t>(fields.size()), text_bytes);
+  for (const auto& entry : fields) {
     // An unset value is stored as the empty text; an empty string reads back
     // unset too, the format does not tell the two apart.
-    enc.Add(attr.is_set() ? attr.ToString() : std::string());
+    if (entry.second.is_set()) {
+      enc.Add(entry.second);
+    } else {
+      enc.AddEmpty();
+    }
   }
-  enc.AppendTo(out);
+  enc.Finish();
 }
 
 void Serializer::SerializeComposite(std::string& out, const std::vector<Attribute>& values) const {
-  Encoder enc;
-  enc.Reserve(values.size());
+  uint32_t count = 0;
+  size_t text_bytes = 0;
   for (const Attribute& attr : values) {
-    if (attr.is_set()) enc.Add(attr.ToString());
+    if (!attr.is_set()) continue;
+    ++count;
+    text_bytes += TextBytesHint(attr);
   }
-  enc.AppendTo(out);
+  Encoder enc(out, count, text_bytes);
+  for (const Attribute& attr : values) {
+    if (attr.is_set()) enc.Add(attr);
+  }
+  enc.Finish();
 }
 
 std::string Serializer::ScalarKey(const std::string& table, uint32_t id) {
-  return table + LevelDbTable::kKeySeparator + std::to_string(id);
+  // No reservation: a short key stays in the small-string buffer.
+  std::string key = table;
+  key += LevelDbTable::kKeySeparator;
+  AppendDecimal(key, id);
+  return key;
 }
 
 void Serializer::PutOnBatch(leveldb::WriteBatch& batch, const std::string& table, uint32_t id,
                             const ScalarFields& scalars, const CompositeFields& composites) const {
   std::string value;
   SerializeScalar(value, scalars);
-  batch.Put(ScalarKey(table, id), value);
+  // One key buffer for every key of the record. The repeated-field keys are
+  // field + ":" + table + ":" + id, so the part after the field name is the
+  // scalar key with a separator in front.
+  std::string key = ScalarKey(table, id);
+  batch.Put(key, value);
+  const size_t suffix_size = LevelDbTable::kKeySeparator.size() + key.size();
+  bool suffix_made = false;
   for (const auto& [field, typed_values] : composites) {
     // An empty vector writes nothing: an older stored vector of that field
     // stays as it is.
     if (typed_values.second.empty()) continue;
+    if (!suffix_made) {
+      key.insert(0, LevelDbTable::kKeySeparator);
+      suffix_made = true;
+    }
+    key.replace(0, key.size() - suffix_size, field);
     value.clear();
     SerializeComposite(value, typed_values.second);
-    batch.Put(LevelDbTable::BuildCompositeKey(table, id, field), value);
+    batch.Put(key, value);
   }
 }
 

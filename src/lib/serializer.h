@@ -55,6 +55,10 @@ class Serializer {
   void AddScalarField(std::string& value, const std::string& field,
                       const ScalarFields& schema) const;
 
+  // Appends exactly the bytes of attr.ToString() to `out`, without building
+  // the string first.
+  static void AppendValueText(std::string& out, const Attribute& attr);
+
   // table + ":" + id.
   static std::string ScalarKey(const std::string& table, uint32_t id);
 };
