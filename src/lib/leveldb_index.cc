@@ -21,8 +21,12 @@ namespace {
 constexpr char kIndexSuffix[] = ":idx";
 constexpr char kEntrySeparator[] = ":";
 
+// name + ":" + value.ToString(), built in one buffer.
 std::string EntryText(const std::string& name, const Attribute& value) {
-  return name + kEntrySeparator + value.ToString();
+  std::string entry = name;
+  entry += kEntrySeparator;
+  Serializer::AppendValueText(entry, value);
+  return entry;
 }
 
 std::string JoinNames(const std::vector<std::string>& names) {
