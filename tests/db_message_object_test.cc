@@ -169,6 +169,11 @@ TEST_P(MessageStoreTest, RoundTripUpdateAndDelete) {
   EXPECT_EQ(-1, object->StoreMessageObject(&unused, &wrong));
   EXPECT_EQ(-1, object->StoreMessageObject(&unused, nullptr));
   EXPECT_EQ(-1, object->RetrieveMessageObjects(&ids, &wrong));
+  db_test::Nested wrong_out;
+  ScalarFields left = {{"stale", V(1)}};
+  CompositeFields left_c = {{"stale", {db::kInteger, {V(1)}}}};
+  EXPECT_EQ(-1, object->RetrieveMixedObject(id, &wrong_out, &left, &left_c));
+  EXPECT_TRUE(left.empty() && left_c.empty());
   EXPECT_TRUE(log_.Contains("is not a field of message type='db_test.Nested'"));
 }
 

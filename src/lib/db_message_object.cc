@@ -450,10 +450,12 @@ int DbMessageObject::RetrieveMixedObject(uint32_t id, Message* out, ScalarFields
                  static_cast<unsigned>(id));
     return kFailure;
   }
-  if (!HoldsFieldsOf(*out)) return kFailure;
+  // The outputs are emptied before anything can fail, so that a failed call
+  // never leaves an earlier record in them.
   out->Clear();
   scalar->clear();
   composite->clear();
+  if (!HoldsFieldsOf(*out)) return kFailure;
 
   ScalarFields record_scalars;
   CompositeFields record_composites;
