@@ -197,6 +197,22 @@ TEST_P(ElemCallbacksTest, MissingTableIsNotAvailable) {
   }
 }
 
+TEST_P(ElemCallbacksTest, RepeatedValuesAreJoinedEvenWhenOneShowsEmpty) {
+  DbObject object(dir_.File("db"), "S", false, GetParam());
+  ASSERT_EQ(0, object.AppendScalarAttribute("n", Attribute(kInteger), kDefault));
+  ASSERT_EQ(0, object.AppendCompositeAttribute("tags", Attribute(kString), kDefault));
+  ASSERT_EQ(0, object.CreateObjTables());
+  object.InstallDebugCmd(group_);
+  object.scalar_fields()["n"] = int32_t{1};
+  for (const char* tag : {"", "x", ""})
+    object.composite_fields()["tags"].second.emplace_back() = tag;
+  uint32_t id = 0;
+  ASSERT_EQ(0, object.StoreObject(&id));
+  const std::string shown = Run("Retrieve Record S " + std::to_string(id));
+  // The table trims the trailing blank of the last separator.
+  EXPECT_EQ(", x,", Rows(shown, "tags")) << shown;
+}
+
 TEST_P(ElemCallbacksTest, ShownValuesTypedBackFindTheRecord) {
   DbObject object(dir_.File("db"), "F", false, GetParam());
   const std::vector<std::pair<const char*, PrintFormat>> fields = {

@@ -116,9 +116,13 @@ void PrintRecord(ELEM_CMD_CONTEXT_ST* ctx, const DbObject& object, uint32_t id,
     if (display == nullptr) continue;
     const PrintFormat format = object.streamable_info().at(field.first).second;
     std::string text;
+    bool first = true;
     for (const auto& element : field.second.second) {
       if (!element.is_set()) continue;
-      if (!text.empty()) text += ", ";
+      // Every element but the first is preceded by the separator, also when
+      // an element before it shows as the empty text.
+      if (!first) text += ", ";
+      first = false;
       text += ValueText(element, format);
     }
     ElemCmdTableEntry(ctx, 0, "%s", display->c_str());
