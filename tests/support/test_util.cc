@@ -82,4 +82,13 @@ std::string ReadFile(const std::string& path) {
   return out.str();
 }
 
+std::vector<std::string> ProgramCommand(const std::string& program) {
+  std::vector<std::string> argv;
+  const char* emulator = getenv("DB_INTF_TEST_EMULATOR");
+  std::istringstream words(emulator != nullptr ? emulator : "");
+  for (std::string word; words >> word;) argv.push_back(word);
+  argv.push_back(program);
+  return argv;
+}
+
 }  // namespace db_test

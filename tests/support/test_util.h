@@ -56,6 +56,11 @@ std::string CaptureStderr(Fn fn);
 
 std::string ReadFile(const std::string& path);
 
+// The argv that starts `program`, a program of this build: the words of
+// $DB_INTF_TEST_EMULATOR (blank-separated; set by a cross build, where target
+// programs run under an emulator) followed by `program`.
+std::vector<std::string> ProgramCommand(const std::string& program);
+
 }  // namespace db_test
 
 #include "support/test_util_inl.h"
