@@ -62,11 +62,24 @@ TEST(SerializerTest, PutOnBatchKeys) {
                                 {"unset", {kString, {Attribute(kString)}}}};
   Serializer().PutOnBatch(batch, "T", 7, {{"a", Set(5)}}, composites);
   Serializer().PutOnBatch(batch, "T", 4294967295u, {}, {});
+  // More values, a longer value and a longer key than fit on the stack.
+  const std::string field(130, 'f'), big(600, 'b');
+  Values many;
+  std::string lengths = "17", texts;
+  for (int32_t i = 0; i < 16; ++i) {
+    many.push_back(Set(i % 10));
+    lengths += ",1";
+    texts += "," + std::to_string(i % 10);
+  }
+  many.push_back(Set(big));
+  Serializer().PutOnBatch(batch, "T", 8, {}, {{field, {kInteger, many}}});
   ASSERT_TRUE(batch.Iterate(&contents).ok());
   EXPECT_EQ(contents.puts, (Texts{{"T:7", "1,1,5"},
                                   {"unset:T:7", "0"},
                                   {"vlans:T:7", "2,2,2,10,20"},
-                                  {"T:4294967295", "0"}}));
+                                  {"T:4294967295", "0"},
+                                  {"T:8", "0"},
+                                  {field + ":T:8", lengths + ",600" + texts + "," + big}}));
 }
 
 TEST(SerializerTest, ScalarDecoding) {
