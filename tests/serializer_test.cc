@@ -111,7 +111,10 @@ TEST(SerializerTest, ScalarDecodingFailureEmptiesTheMapAndLogs) {
   const Texts cases = {
       {"2,2,1,ok,x",
        "ERROR: Failed to deserialize the scalar attribute='b', value='x', exception='stoi'"},
-      {"2,9,3,ab", "ERROR: Failed to deserialize the scalar attribute='b', value=''"}};
+      {"2,9,3,ab", "ERROR: Failed to deserialize the scalar attribute='b', value=''"},
+      {"2,1,10,x,2147483648",
+       "ERROR: Failed to deserialize the scalar attribute='b', value='2147483648', "
+       "exception='stoi'"}};
   for (const auto& [text, line] : cases) {
     db_test::LogCapture log;
     ScalarFields fields = {{"a", Attribute(kString)}, {"b", Attribute(kInteger)}};

@@ -170,12 +170,26 @@ void PutEncoded(leveldb::WriteBatch& batch, const leveldb::Slice& key,
   batch.Put(key, leveldb::Slice(value, size));
 }
 
+// std::stoi of the `size` bytes at `data`, with its exceptions, without
+// building a string for the common text: an optional "-" and at most nine
+// digits, nothing else. Every other text goes to std::stoi itself.
+int32_t DecimalToInt(const char* data, size_t size) {
+  const size_t first = size > 1 && data[0] == '-' ? 1 : 0;
+  if (size > first && size - first <= 9) {
+    int32_t value = 0;
+    size_t i = first;
+    for (; i < size && data[i] >= '0' && data[i] <= '9'; ++i) value = value * 10 + (data[i] - '0');
+    if (i == size) return first == 1 ? -value : value;
+  }
+  return std::stoi(std::string(data, size), nullptr, 10);
+}
+
 // Converts a stored value text by `type`. std::stoi/std::stof exceptions pass.
 // Returns false for a type outside 0..3.
 bool ParseValue(AttributeType type, const std::string& text, Attribute& attr) {
   switch (type) {
     case kInteger:
-      attr = static_cast<int32_t>(std::stoi(text, nullptr, 10));
+      attr = DecimalToInt(text.data(), text.size());
       return true;
     case kString:
       attr = text;
@@ -263,27 +277,28 @@ void Serializer::ParseSizeToVector(std::vector<uint32_t>& sizes, uint32_t& pos,
                                    const std::string& text) const {
   pos = 0;
   if (text.empty()) return;
-  std::string token;
   int32_t remaining = 1;
   bool first = true;
   const size_t end = text.size();
+  // The number being read runs from `token` up to the comma at `pos`.
+  size_t token = 0;
   while (pos < end && remaining != 0) {
-    const char c = text[pos];
-    if (c != ',') {
-      token += c;
-    } else if (first) {
-      remaining = std::stoi(token, nullptr, 10);
-      first = false;
-      token.clear();
-      // One push per length; every length needs at least its comma, so a
-      // corrupt count cannot reserve more than the text holds.
-      if (remaining > 0) {
-        sizes.reserve(sizes.size() + std::min<size_t>(static_cast<size_t>(remaining), end));
+    if (text[pos] == ',') {
+      const size_t size = pos - token;
+      if (first) {
+        remaining = DecimalToInt(text.data() + token, size);
+        first = false;
+        // One push per length; every length needs at least its comma, so a
+        // corrupt count cannot reserve more than the text holds.
+        if (remaining > 0) {
+          sizes.reserve(sizes.size() + std::min<size_t>(static_cast<size_t>(remaining), end));
+        }
+      } else {
+        sizes.push_back(size == 0 ? 0u
+                                  : static_cast<uint32_t>(DecimalToInt(text.data() + token, size)));
+        --remaining;
       }
-    } else {
-      sizes.push_back(token.empty() ? 0u : static_cast<uint32_t>(std::stoi(token, nullptr, 10)));
-      --remaining;
-      token.clear();
+      token = pos + 1;
     }
     ++pos;
   }
