@@ -64,14 +64,13 @@ TEST(SerializerTest, PutOnBatchKeys) {
   Serializer().PutOnBatch(batch, "T", 4294967295u, {}, {});
   // More values, a longer value and a longer key than fit on the stack.
   const std::string field(130, 'f'), big(600, 'b');
-  Values many;
-  std::string lengths = "17", texts;
-  for (int32_t i = 0; i < 16; ++i) {
-    many.push_back(Set(i % 10));
-    lengths += ",1";
-    texts += "," + std::to_string(i % 10);
-  }
+  Values many(16, Set(7));
   many.push_back(Set(big));
+  std::string lengths = "17", texts;
+  for (int i = 0; i < 16; ++i) {
+    lengths += ",1";
+    texts += ",7";
+  }
   Serializer().PutOnBatch(batch, "T", 8, {}, {{field, {kInteger, many}}});
   ASSERT_TRUE(batch.Iterate(&contents).ok());
   EXPECT_EQ(contents.puts, (Texts{{"T:7", "1,1,5"},
