@@ -1,0 +1,484 @@
+// Messaging through a real ipc-router, started by each test on a socket in a
+// fresh directory and stopped with it (also when the test dies).
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "db/ipc.h"
+#include "ipc_frame.h"
+#include "support/test_util.h"
+
+extern "C" int ipc_c_round_trip(const char* name);  // ipc_c_api.c, compiled as C
+
+namespace {
+
+using Message = std::unique_ptr<ipc_message, decltype(&ipc_free)>;
+
+// Runs ipc-router with `args`, stdout and stderr to `out`; returns the pid,
+// or waits and returns the exit status when `wait`.
+int RunRouter(const std::vector<std::string>& args, const std::string& out, bool wait) {
+  std::vector<std::string> argv = db_test::ProgramCommand(IPC_ROUTER_PATH);
+  argv.insert(argv.end(), args.begin(), args.end());
+  pid_t pid = fork();
+  if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlive the test
+    int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    dup2(fd, 1);
+    dup2(fd, 2);
+    std::vector<char*> args;
+    for (auto& a : argv) args.push_back(a.data());
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  int status = 0;
+  if (!wait) return pid;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class IpcTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("IPC_ROUTER_SOCKET", sock_.c_str(), 1);
+    Start();
+  }
+  void TearDown() override {
+    if (router_ > 0) kill(router_, SIGKILL);
+  }
+  void Start() {
+    router_ = RunRouter({"--socket", sock_}, dir_.File("router.log"), false);
+    for (int i = 0; i < 1000 && Connect() < 0; ++i) usleep(10000);
+  }
+  int Stop(int sig) {
+    int status = 0;
+    kill(router_, sig);
+    waitpid(router_, &status, 0);
+    router_ = 0;
+    return status;
+  }
+  int Connect() {
+    sockaddr_un a = {};
+    a.sun_family = AF_UNIX;
+    snprintf(a.sun_path, sizeof(a.sun_path), "%s", sock_.c_str());
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0) return fd;
+    close(fd);
+    return -1;
+  }
+  std::string Status() {
+    std::filesystem::remove(dir_.File("status"));
+    EXPECT_EQ(RunRouter({"--status"}, dir_.File("status"), true), 0);
+    return db_test::ReadFile(dir_.File("status"));
+  }
+  int Count(const std::string& text) {
+    std::string log = db_test::ReadFile(dir_.File("router.log"));
+    int n = 0;
+    for (size_t at = 0; (at = log.find(text, at)) != std::string::npos; ++at) ++n;
+    return n;
+  }
+  db_test::TempDir dir_;
+  std::string sock_ = dir_.File("ipc.sock");
+  pid_t router_ = 0;
+};
+
+Message Receive(ipc_endpoint* ep, int32_t timeout = 5000, std::vector<uint32_t> types = {}) {
+  ipc_message* m = nullptr;
+  ipc_receive(ep, types.data(), types.size(), timeout, &m);
+  return Message(m, ipc_free);
+}
+
+// Runs `fn` in a child process; returns its pid.
+pid_t Spawn(const std::function<int()>& fn) {
+  pid_t pid = fork();
+  if (pid == 0) _exit(fn());
+  return pid;
+}
+
+int Join(pid_t pid) {
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(IpcTest, NamesAndArguments) {
+  ipc_endpoint* a = ipc_open(std::string(63, 'a').c_str());
+  ASSERT_NE(a, nullptr);
+  EXPECT_NE(ipc_self(a), 0u);
+  struct {
+    std::string name;
+    int error;
+  } cases[] = {{"", EINVAL},      {std::string(64, 'a'), EINVAL},
+               {"a b", EINVAL},   {"a/b", EINVAL},
+               {"x\x7f", EINVAL}, {std::string(63, 'a'), EADDRINUSE}};
+  for (const auto& c : cases) {
+    errno = 0;
+    EXPECT_EQ(ipc_open(c.name.c_str()), nullptr) << c.name;
+    EXPECT_EQ(errno, c.error) << c.name;
+  }
+  EXPECT_EQ(Count("refused connection"), 1);
+  char big[IPC_MAX_SIZE + 1] = {};
+  EXPECT_EQ(ipc_send(a, 1, 0, big, IPC_MAX_SIZE + 1), -1);
+  EXPECT_EQ(errno, EMSGSIZE);
+  ipc_message* m;
+  for (int rc : {ipc_close(nullptr), ipc_fd(nullptr), ipc_find(nullptr, "x", 1),
+                 ipc_find(a, "a/b/c", 1), ipc_watch(a, 0, 1), ipc_unwatch(a, 7),
+                 ipc_send(nullptr, 1, 0, nullptr, 0), ipc_send(a, 0, 0, nullptr, 0),
+                 ipc_receive(a, nullptr, 1, 0, &m), ipc_receive(a, nullptr, 0, -2, &m)}) {
+    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(errno, EINVAL);
+  }
+  EXPECT_EQ(ipc_self(nullptr), 0u);
+  ipc_close(a);
+  EXPECT_EQ(ipc_c_round_trip("c-client"), 0);
+  Stop(SIGTERM);
+  EXPECT_EQ(ipc_open("late"), nullptr);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(IpcTest, FindBeforeAndAfterOpenAndTimeOut) {
+  ipc_endpoint* a = ipc_open("a");
+  ASSERT_EQ(ipc_find(a, "b", 10), 0);
+  ipc_endpoint* b = ipc_open("b");
+  ASSERT_EQ(ipc_find(a, "b", 11), 0);
+  for (uint32_t type : {10u, 11u}) {
+    Message m = Receive(a);
+    ASSERT_TRUE(m);
+    EXPECT_EQ(m->type, type);
+    EXPECT_EQ(m->sender, ipc_self(b));
+    EXPECT_EQ(m->size, 0u);
+  }
+  ASSERT_EQ(ipc_find(a, "never", 12), 0);
+  ASSERT_EQ(ipc_find(a, "NODE/never", 12), 0);
+  auto start = std::chrono::steady_clock::now();
+  // A signal in the middle of the wait does not shorten it.
+  struct sigaction sa = {};
+  sa.sa_handler = [](int) {};
+  sigaction(SIGALRM, &sa, nullptr);  // no SA_RESTART: poll returns EINTR
+  alarm(1);
+  EXPECT_FALSE(Receive(a, 1500));
+  EXPECT_EQ(errno, ETIMEDOUT);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
+  std::string status = Status();
+  EXPECT_NE(status.find("endpoints 2"), std::string::npos) << status;
+  EXPECT_NE(status.find("finds 2"), std::string::npos) << status;
+  EXPECT_NE(status.find(" " + std::to_string(getpid()) + " "), std::string::npos) << status;
+  ipc_close(a);
+  ipc_close(b);
+}
+
+TEST_F(IpcTest, WatchFiresExactlyOnce) {
+  ipc_endpoint* w = ipc_open("watcher");
+  enum Ending { kClose, kKill, kAlreadyGone, kUnwatch, kUnwatchFired };
+  for (Ending ending : {kClose, kKill, kAlreadyGone, kUnwatch, kUnwatchFired}) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    pid_t child = Spawn([&] {
+      ipc_endpoint* p = ipc_open("peer");
+      uint32_t self = ipc_self(p);
+      if (write(ready[1], &self, sizeof(self)) != sizeof(self)) return 1;
+      if (ending != kKill) ipc_close(p);
+      pause();
+      return 0;
+    });
+    uint32_t peer = 0;
+    ASSERT_EQ(read(ready[0], &peer, sizeof(peer)), static_cast<ssize_t>(sizeof(peer)));
+    if (ending == kAlreadyGone) usleep(100000);
+    int32_t id = ipc_watch(w, peer, 40 + ending);
+    ASSERT_GT(id, 0);
+    if (ending == kKill) kill(child, SIGKILL);
+    if (ending == kUnwatch) {
+      EXPECT_EQ(ipc_unwatch(w, id), 0);
+    }
+    if (ending == kUnwatchFired) {
+      usleep(200000);  // fired and in our queue, not yet received
+      EXPECT_EQ(ipc_unwatch(w, id), 0);
+    }
+    bool fires = ending != kUnwatch && ending != kUnwatchFired;
+    Message m = Receive(w, fires ? 5000 : 300);
+    ASSERT_EQ(static_cast<bool>(m), fires) << ending;
+    if (fires) {
+      EXPECT_EQ(m->type, 40u + ending);
+      EXPECT_EQ(m->sender, peer);
+      EXPECT_EQ(ipc_unwatch(w, id), -1);
+    }
+    EXPECT_FALSE(Receive(w, 100)) << ending;  // once only
+    kill(child, SIGKILL);
+    Join(child);
+    close(ready[0]);
+    close(ready[1]);
+  }
+  ipc_close(w);
+}
+
+// Payload of message `seq` of sender `s`: its size, and `seq` in its first
+// and last bytes when it is large enough.
+uint32_t SizeOf(uint32_t s, uint32_t seq) {
+  if (seq == 0) return 12;  // carries the sender's number
+  uint32_t r = (s * 2654435761u) ^ (seq * 40503u);
+  r ^= r >> 13;
+  return r % 32 == 0 ? (r >> 5) % (IPC_MAX_SIZE + 1) : (r >> 5) % 300;
+}
+
+TEST_F(IpcTest, ManySendersArriveWholeOnceInOrder) {
+  constexpr uint32_t kSenders = 4, kEach = 25000;
+  ipc_endpoint* r = ipc_open("receiver");
+  uint32_t to = ipc_self(r);
+  std::vector<pid_t> children;
+  for (uint32_t s = 0; s < kSenders; ++s) {
+    children.push_back(Spawn([&] {
+      ipc_endpoint* ep = ipc_open(("sender" + std::to_string(s)).c_str());
+      std::vector<uint8_t> buf(IPC_MAX_SIZE, 0xa5);
+      buf[0] = static_cast<uint8_t>(s);
+      for (uint32_t seq = 0; seq < kEach; ++seq) {
+        uint32_t size = SizeOf(s, seq);
+        if (size >= 12) memcpy(&buf[4], &seq, 4), memcpy(&buf[size - 4], &seq, 4);
+        if (ipc_send(ep, to, 1, buf.data(), size) != 0) return 1;
+      }
+      ipc_close(ep);
+      return 0;
+    }));
+  }
+  std::map<uint32_t, uint32_t> next;   // sender address -> next seq
+  std::map<uint32_t, uint32_t> index;  // sender address -> sender number
+  for (uint32_t n = 0; n < kSenders * kEach; ++n) {
+    Message m = Receive(r);
+    ASSERT_TRUE(m) << n;
+    uint32_t seq = next[m->sender]++;
+    const uint8_t* p = static_cast<const uint8_t*>(m->data);
+    if (seq == 0) index[m->sender] = p[0];
+    ASSERT_EQ(m->size, SizeOf(index[m->sender], seq));
+    if (m->size >= 12) {
+      ASSERT_EQ(memcmp(p + 4, &seq, 4), 0);
+      ASSERT_EQ(memcmp(p + m->size - 4, &seq, 4), 0);
+    }
+  }
+  for (pid_t c : children) EXPECT_EQ(Join(c), 0);
+  EXPECT_FALSE(Receive(r, 0));
+  ipc_close(r);
+}
+
+TEST_F(IpcTest, TypeFilterKeepsOthersQueuedAndFdSignals) {
+  ipc_endpoint* a = ipc_open("a");
+  ipc_endpoint* b = ipc_open("b");
+  pollfd p = {ipc_fd(a), POLLIN, 0};
+  EXPECT_EQ(poll(&p, 1, 0), 0);
+  for (uint32_t i = 0; i < 6; ++i) ASSERT_EQ(ipc_send(b, ipc_self(a), i % 2, &i, 4), 0);
+  EXPECT_EQ(poll(&p, 1, 5000), 1);
+  for (uint32_t want : {1u, 3u, 5u, 0u, 2u, 4u}) {
+    Message m = Receive(a, 5000, {want % 2});
+    ASSERT_TRUE(m);
+    EXPECT_EQ(*static_cast<const uint32_t*>(m->data), want);
+    EXPECT_EQ(m->sender, ipc_self(b));
+    EXPECT_EQ(poll(&p, 1, 0), want == 4u ? 0 : 1) << want;  // readable while any is queued
+  }
+  ipc_close(a);
+  ipc_close(b);
+}
+
+TEST_F(IpcTest, BackPressureHoldsOnlyTheSenders) {
+  ipc_endpoint* slow = ipc_open("slow");
+  ipc_endpoint* other = ipc_open("other");
+  uint32_t to = ipc_self(slow);
+  constexpr int kCount = 200;  // 12.5 MiB: far more than the router and sockets hold
+  int done[2];
+  ASSERT_EQ(pipe(done), 0);
+  pid_t sender = Spawn([&] {
+    ipc_endpoint* ep = ipc_open("fast");
+    std::vector<uint8_t> buf(IPC_MAX_SIZE);
+    for (int i = 0; i < kCount; ++i) {
+      buf[0] = static_cast<uint8_t>(i);
+      if (ipc_send(ep, to, 2, buf.data(), IPC_MAX_SIZE) != 0) return 1;
+    }
+    return write(done[1], "x", 1) == 1 ? 0 : 1;
+  });
+  // Meanwhile others are served: 100 round trips through the router.
+  usleep(300000);
+  for (uint32_t i = 0; i < 100; ++i) {
+    ASSERT_EQ(ipc_send(other, ipc_self(other), 3, &i, 4), 0);
+    ASSERT_TRUE(Receive(other));
+  }
+  pollfd p = {done[0], POLLIN, 0};
+  EXPECT_EQ(poll(&p, 1, 0), 0) << "the sender was not held back";
+  for (int i = 0; i < kCount; ++i) {
+    Message m = Receive(slow);
+    ASSERT_TRUE(m);
+    ASSERT_EQ(static_cast<const uint8_t*>(m->data)[0], static_cast<uint8_t>(i));
+  }
+  EXPECT_EQ(Join(sender), 0);
+  ipc_close(slow);
+  ipc_close(other);
+}
+
+TEST_F(IpcTest, SendingToEachOtherWithoutReceivingNeverDeadlocks) {
+  constexpr int kCount = 100;  // 6.4 MiB each way
+  ipc_endpoint* a = ipc_open("a");
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  auto exchange = [](ipc_endpoint* self, uint32_t to) {
+    std::vector<uint8_t> buf(IPC_MAX_SIZE);
+    for (int i = 0; i < kCount; ++i) {
+      if (ipc_send(self, to, 5, buf.data(), IPC_MAX_SIZE) != 0) return 1;
+    }
+    for (int i = 0; i < kCount; ++i) {
+      if (!Receive(self)) return 2;
+    }
+    return 0;
+  };
+  pid_t child = Spawn([&] {
+    ipc_endpoint* b = ipc_open("b");
+    uint32_t self = ipc_self(b);
+    return write(ready[1], &self, 4) == 4 ? exchange(b, ipc_self(a)) : 3;
+  });
+  uint32_t b = 0;
+  ASSERT_EQ(read(ready[0], &b, 4), 4);
+  EXPECT_EQ(exchange(a, b), 0);
+  EXPECT_EQ(Join(child), 0);
+  ipc_close(a);
+}
+
+// Writes raw bytes as a client would, bypassing the library.
+std::string Frame(uint8_t command, uint32_t to, uint32_t from, const std::string& payload) {
+  db::ipc::FrameHeader h;
+  h.command = command;
+  h.to = to;
+  h.from = from;
+  h.size = static_cast<uint32_t>(payload.size());
+  std::string out;
+  db::ipc::AppendFrame(h, payload.data(), &out);
+  return out;
+}
+
+TEST_F(IpcTest, BadClientsAreDroppedAndCannotForgeTheSender) {
+  ipc_endpoint* r = ipc_open("r");
+  auto open = [](const char* name) { return Frame(db::ipc::kOpen, 0, 0, name); };
+  std::string huge = Frame(db::ipc::kSend, ipc_self(r), 0, "");
+  huge.replace(4, 4, "\xff\xff\xff\xff");
+  const std::string bad[] = {
+      "garbage, not a frame",
+      open("r1") + huge,  // a length of 4 GiB
+      open("r2") + Frame(db::ipc::kSend, ipc_self(r), 0, std::string(100, 'x')).substr(0, 60),
+      open("r3") + Frame(99, 0, 0, ""),  // unknown command
+      Frame(db::ipc::kSend, ipc_self(r), 0, "before open"),
+  };
+  for (const std::string& bytes : bad) {
+    int fd = Connect();
+    EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
+    close(fd);
+  }
+  // A raw client claiming another sender is corrected by the router.
+  int fd = Connect();
+  std::string forged =
+      Frame(db::ipc::kOpen, 0, 0, "forger") + Frame(db::ipc::kSend, ipc_self(r), 12345, "forged");
+  ASSERT_EQ(write(fd, forged.data(), forged.size()), static_cast<ssize_t>(forged.size()));
+  Message m = Receive(r);
+  ASSERT_TRUE(m);
+  EXPECT_NE(m->sender, 12345u);
+  EXPECT_EQ(ipc_find(r, "forger", 1), 0);
+  Message found = Receive(r);
+  ASSERT_TRUE(found);
+  EXPECT_EQ(m->sender, found->sender);
+  close(fd);
+  // Everyone else is still served, and each bad client cost one log line.
+  ipc_endpoint* s = ipc_open("s");
+  ASSERT_EQ(ipc_send(s, ipc_self(r), 7, "ok", 2), 0);
+  EXPECT_TRUE(Receive(r));
+  for (int i = 0; i < 500 && Count("dropped connection") < 5; ++i) usleep(10000);
+  EXPECT_EQ(Count("dropped connection"), 5);
+  ipc_close(r);
+  ipc_close(s);
+}
+
+TEST_F(IpcTest, RouterGoneMakesCallsFailWithConnReset) {
+  ipc_endpoint* a = ipc_open("a");
+  Stop(SIGKILL);
+  signal(SIGPIPE, SIG_DFL);  // the library must not raise it
+  EXPECT_FALSE(Receive(a, -1));
+  EXPECT_EQ(errno, ECONNRESET);
+  for (int rc : {ipc_send(a, 1, 1, "x", 1), ipc_find(a, "b", 1), ipc_watch(a, 5, 1)}) {
+    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(errno, ECONNRESET);
+  }
+  pollfd p = {ipc_fd(a), POLLIN, 0};
+  EXPECT_EQ(poll(&p, 1, 0), 1);  // the loop is woken to learn of it
+  ipc_close(a);
+}
+
+long ProcValue(pid_t pid, const char* key) {
+  std::string text = db_test::ReadFile("/proc/" + std::to_string(pid) + "/status");
+  size_t at = text.find(key);
+  return at == std::string::npos ? -1 : atol(text.c_str() + at + strlen(key) + 1);
+}
+
+TEST_F(IpcTest, ThousandEndpointsLeaveTheRouterFlat) {
+  auto cycle = [this] {
+    for (int i = 0; i < 1000; ++i) {
+      ipc_endpoint* ep = ipc_open(("ep" + std::to_string(i % 7)).c_str());
+      ASSERT_NE(ep, nullptr);
+      ipc_watch(ep, ipc_self(ep) + 1, 1);
+      ipc_close(ep);
+    }
+    ASSERT_NE(Status().find("endpoints 0"), std::string::npos);  // all closes seen
+  };
+  auto fds = [&] {
+    return std::distance(
+        std::filesystem::directory_iterator("/proc/" + std::to_string(router_) + "/fd"),
+        std::filesystem::directory_iterator());
+  };
+  cycle();
+  long rss = ProcValue(router_, "VmRSS:");
+  auto open_fds = fds();
+  cycle();
+  EXPECT_EQ(fds(), open_fds);
+#ifndef __SANITIZE_ADDRESS__  // the sanitizer's quarantine grows on purpose
+  EXPECT_LT(ProcValue(router_, "VmRSS:") - rss, 256) << "KiB";
+#endif
+}
+
+TEST_F(IpcTest, RouterProgram) {
+  EXPECT_EQ(RunRouter({"--help"}, dir_.File("help"), true), 0);
+  EXPECT_NE(db_test::ReadFile(dir_.File("help")).find("--socket PATH"), std::string::npos);
+  struct stat st;
+  ASSERT_EQ(stat(sock_.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0660u);
+  // A second router refuses a live socket; the first one goes on serving.
+  EXPECT_EQ(RunRouter({"--socket", sock_}, dir_.File("second"), true), 1);
+  ipc_endpoint* a = ipc_open("a");
+  ASSERT_NE(a, nullptr);
+  ipc_close(a);
+  // SIGTERM stops it cleanly and removes the socket; a stale file is taken over.
+  EXPECT_EQ(Stop(SIGTERM), 0);
+  EXPECT_FALSE(std::filesystem::exists(sock_));
+  Start();
+  Stop(SIGKILL);
+  ASSERT_TRUE(std::filesystem::exists(sock_));
+  Start();
+  EXPECT_EQ(Count("taking over stale socket"), 1);
+  a = ipc_open("a");
+  ASSERT_NE(a, nullptr);
+  ipc_close(a);
+}
+
+}  // namespace
