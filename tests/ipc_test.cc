@@ -448,7 +448,7 @@ TEST_F(IpcTest, ThousandEndpointsLeaveTheRouterFlat) {
         std::filesystem::directory_iterator());
   };
   cycle();
-  long rss = ProcValue(router_, "VmRSS:");
+  [[maybe_unused]] long rss = ProcValue(router_, "VmRSS:");
   auto open_fds = fds();
   cycle();
   EXPECT_EQ(fds(), open_fds);
