@@ -133,14 +133,16 @@ bool Deliver(ipc_endpoint* ep, const FrameHeader& h, const uint8_t* payload) {
   return true;
 }
 
-// Reads what the socket holds now, without waiting, and queues the whole
-// frames. Returns 0, or -1 (ECONNRESET) once the connection is broken.
-int Pump(ipc_endpoint* ep) {
+// Reads what the socket holds (waiting for something to arrive when `wait`)
+// and queues the whole frames. Returns 0, or -1 (ECONNRESET) once the
+// connection is broken.
+int Pump(ipc_endpoint* ep, bool wait = false) {
   if (ep->broken) return Fail(ECONNRESET);
   if (ep->in.size() - ep->in_len < kReadChunk / 2) ep->in.resize(ep->in_len + kReadChunk);
   ssize_t n;
   do {
-    n = recv(ep->sock, ep->in.data() + ep->in_len, ep->in.size() - ep->in_len, MSG_DONTWAIT);
+    n = recv(ep->sock, ep->in.data() + ep->in_len, ep->in.size() - ep->in_len,
+             wait ? 0 : MSG_DONTWAIT);
   } while (n < 0 && errno == EINTR);
   if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
   if (n <= 0) return Broken(ep);
@@ -169,14 +171,14 @@ void SyncSignal(ipc_endpoint* ep) {
   if (n == static_cast<ssize_t>(sizeof(value))) ep->signalled = want;
 }
 
-// Waits for `events` on the socket until `deadline_us` (-1: for ever).
-// Returns 1 when ready, 0 at the deadline.
+// Waits for `events` on the socket until `deadline_us` (-1: for ever; a
+// deadline already past still looks once). Returns 1 when ready, 0 at the
+// deadline, -1 when poll fails.
 int WaitSocket(ipc_endpoint* ep, short events, int64_t deadline_us, short* revents) {
   for (;;) {
     int timeout = -1;
     if (deadline_us >= 0) {
-      int64_t left = deadline_us - NowUs();
-      if (left <= 0) return 0;
+      int64_t left = std::max<int64_t>(deadline_us - NowUs(), 0);
       timeout = static_cast<int>(std::min<int64_t>((left + 999) / 1000, 1 << 30));
     }
     pollfd p = {ep->sock, events, 0};
@@ -186,7 +188,9 @@ int WaitSocket(ipc_endpoint* ep, short events, int64_t deadline_us, short* reven
       return 1;
     }
     if (n < 0 && errno != EINTR) return -1;
-    // A time-out rounded up to whole milliseconds, or a signal: look again.
+    // A signal, or a time-out rounded to whole milliseconds: look again
+    // unless the deadline has passed.
+    if (deadline_us >= 0 && NowUs() >= deadline_us) return 0;
   }
 }
 
@@ -387,12 +391,15 @@ int ipc_receive(ipc_endpoint* ep, const uint32_t* types, size_t count, int32_t t
       break;
     }
     scanned = ep->queue.size();
-    size_t before = ep->queue.size();
-    if ((rc = Pump(ep)) < 0) break;
-    if (ep->queue.size() > before) continue;
+    // Waiting for ever is one blocking read; a bounded wait polls first, so
+    // that it costs no empty read either.
+    if (deadline < 0) {
+      if ((rc = Pump(ep, true)) < 0) break;
+      continue;
+    }
     short revents = 0;
-    int ready = timeout_ms == 0 ? 0 : WaitSocket(ep, POLLIN, deadline, &revents);
-    if (ready == 0) {
+    int ready = WaitSocket(ep, POLLIN, deadline, &revents);
+    if (ready == 0) {  // also a time-out of 0 with nothing there
       rc = Fail(ETIMEDOUT);
       break;
     }
@@ -400,6 +407,7 @@ int ipc_receive(ipc_endpoint* ep, const uint32_t* types, size_t count, int32_t t
       rc = Broken(ep);
       break;
     }
+    if ((rc = Pump(ep)) < 0) break;
   }
   SyncSignal(ep);
   return rc;
