@@ -180,11 +180,13 @@ void Router::Accept() {
       if ((errno == EMFILE || errno == ENFILE) && spare_fd_ >= 0) {
         // Out of descriptors: accept with the spare one and refuse at once,
         // rather than leave the connection pending and spin on it.
+        // (accept fails so even when nothing is pending.)
         close(spare_fd_);
         fd = accept(listen_fd_, nullptr, nullptr);
-        if (fd >= 0) close(fd);
         spare_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (fd < 0) return;
         Log("refused a connection: out of file descriptors");
+        close(fd);
         continue;
       }
       if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
