@@ -30,10 +30,10 @@ double SecondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-bool WriteAll(int fd, const void* data, size_t size) {
-  const char* p = static_cast<const char*>(data);
+// Reads (or writes, when `out`) exactly `size` bytes.
+bool Exactly(int fd, char* p, size_t size, bool out) {
   while (size > 0) {
-    ssize_t n = write(fd, p, size);
+    ssize_t n = out ? write(fd, p, size) : read(fd, p, size);
     if (n <= 0) return false;
     p += n;
     size -= static_cast<size_t>(n);
@@ -41,15 +41,12 @@ bool WriteAll(int fd, const void* data, size_t size) {
   return true;
 }
 
+bool WriteAll(int fd, const void* data, size_t size) {
+  return Exactly(fd, const_cast<char*>(static_cast<const char*>(data)), size, true);
+}
+
 bool ReadAll(int fd, void* data, size_t size) {
-  char* p = static_cast<char*>(data);
-  while (size > 0) {
-    ssize_t n = read(fd, p, size);
-    if (n <= 0) return false;
-    p += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
+  return Exactly(fd, static_cast<char*>(data), size, false);
 }
 
 // A child process running `fn(fd)` on its end of a socketpair; the parent

@@ -354,11 +354,7 @@ TEST_F(IpcTest, BackPressureHoldsOnlyTheSenderAndNeverDeadlocks) {
 
 // Writes raw bytes as a client would, bypassing the library.
 std::string Frame(uint8_t command, uint32_t to, uint32_t from, const std::string& payload) {
-  db::ipc::FrameHeader h;
-  h.command = command;
-  h.to = to;
-  h.from = from;
-  h.size = static_cast<uint32_t>(payload.size());
+  db::ipc::FrameHeader h{command, static_cast<uint32_t>(payload.size()), 0, from, to, 0};
   std::string out;
   db::ipc::AppendFrame(h, payload.data(), &out);
   return out;
