@@ -350,6 +350,8 @@ TEST_F(IpcTest, BackPressureHoldsOnlyTheSenderAndNeverDeadlocks) {
   // Now both send to each other before receiving: no deadlock, nothing lost.
   EXPECT_TRUE(exchange(slow, to, -1));
   EXPECT_EQ(Join(fast), 0);
+  ipc_close(slow);
+  ipc_close(other);
 }
 
 // Writes raw bytes as a client would, bypassing the library.
@@ -462,6 +464,7 @@ TEST_F(IpcTest, ThousandEndpointsLeaveTheRouterFlat) {
   EXPECT_EQ(ipc_send(eps[0], ipc_self(anchor), 1, "", 0), 0);
   EXPECT_TRUE(Receive(anchor));
   for (ipc_endpoint* ep : eps) ipc_close(ep);
+  ipc_close(anchor);
 }
 
 TEST_F(IpcTest, RouterProgram) {
