@@ -56,6 +56,9 @@ class Router {
 
  private:
   struct Endpoint;
+  // One connection of the poll loop. Links to the routers of other nodes
+  // (TCP, heartbeats on a poll time-out) become a further kind; the endpoints
+  // they carry then point at the link's connection.
   struct Conn {
     enum Kind { kNew, kClient, kStatus };
     Kind kind = kNew;
