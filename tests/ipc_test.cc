@@ -469,8 +469,11 @@ TEST_F(IpcTest, RouterProgram) {
   struct stat st;
   ASSERT_EQ(stat(sock_.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0660u);
-  // A second router refuses a live socket; the first one goes on serving.
+  // A second router refuses a live socket (the first one goes on serving), and
+  // any path that is not a socket.
   EXPECT_EQ(RunRouter({"--socket", sock_}, dir_.File("second"), true), 1);
+  EXPECT_EQ(RunRouter({"--socket", dir_.File("help")}, dir_.File("second"), true), 1);
+  EXPECT_NE(db_test::ReadFile(dir_.File("help")).find("--socket PATH"), std::string::npos);
   ipc_endpoint* a = ipc_open("a");
   ASSERT_NE(a, nullptr);
   ipc_close(a);
