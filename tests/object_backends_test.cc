@@ -309,6 +309,50 @@ TEST_P(BackendTest, FirstObjectOfProcessResynchronisesOnConstruction) {
   EXPECT_EQ(object->ResynchronizeDb(true), 3);
 }
 
+// Values that could end a quoted SQL text, a statement or a stored length:
+// quotes, ";", "--", NUL and the escape bytes 0xFF 0xFE, 1 MB texts, the
+// integer limits and a subnormal float. Each comes back exactly, in scalar
+// and repeated fields, after a store and after an update, and changes no other
+// record.
+TEST_P(BackendTest, HostileValuesRoundTripAndChangeNoOtherRecord) {
+  auto object = Open(false);
+  ASSERT_EQ(object->AppendCompositeAttribute("notes", Attribute(db::kString), db::kDefault), 0);
+  ASSERT_EQ(object->CreateObjTables(), 0);
+  const Rec neighbour{1, 1, "neighbour", 1.0f, {1}, {5}};
+  const uint32_t other = Store(object.get(), neighbour);
+  std::string big(1 << 20, 'q');
+  for (size_t i = 0; i < big.size(); i += 4093) big[i] = "'\0\xFF\xFE;-,"[i % 7];
+  const std::string texts[] = {"O'Brien''",
+                               "x'); DELETE FROM records; --",
+                               std::string("a\0b", 3),
+                               "\xFF\xFE\xFF",
+                               "tail\xFF",
+                               "\xFE\xFE",
+                               ",;--,",
+                               big};
+  auto write = [&](const std::string& text, uint32_t* id) {
+    const Rec r{INT32_MIN,
+                INT32_MAX,
+                text,
+                1e-40f,
+                std::vector<uint8_t>(text.begin(), text.end()),
+                {INT32_MIN, 0, INT32_MAX}};
+    SetRecord(object.get(), r);
+    object->composite_fields()["notes"].second = {Val(text), Val("'" + text)};
+    ASSERT_EQ(*id == 0 ? object->StoreObject(id) : object->UpdateObject(*id), 0);
+    ExpectStored(*object, *id, r);
+    EXPECT_EQ(object->composite_fields().at("notes").second,
+              (std::vector<Attribute>{Val(text), Val("'" + text)}));
+  };
+  for (const std::string& text : texts) {
+    uint32_t id = 0;
+    write(text, &id);
+    write(std::string(text.rbegin(), text.rend()), &id);
+    ExpectStored(*object, other, neighbour);
+  }
+  EXPECT_EQ(Size(*object), 1 + static_cast<int>(std::size(texts)));
+}
+
 std::string dumped;
 
 // SQLite dumps the table to the printer; LevelDB does not support dumps.

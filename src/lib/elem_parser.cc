@@ -13,6 +13,7 @@
 #include <stdexcept>
 
 #include "db/db_object.h"
+#include "float_text.h"
 #include "limid.h"
 #include "nettypes.h"
 
@@ -274,7 +275,7 @@ bool ElemParser::FromDefault(Attribute& value, const std::string& text) {
       value = text;
       return true;
     case kFloat:
-      value = std::stof(text);
+      value = TextToFloat(text);
       return true;
     case kBytes:
       // Bytes are shown in hexadecimal by default.
@@ -397,7 +398,7 @@ bool ElemParser::FromUnsigned(Attribute& value, const std::string& text) {
       Store(value, text);
       return true;
     case kFloat:
-      value = std::stof(text);
+      value = TextToFloat(text);
       return true;
   }
   return false;

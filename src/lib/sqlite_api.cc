@@ -7,6 +7,7 @@
 #include <exception>
 #include <sstream>
 
+#include "float_text.h"
 #include "logger.h"
 
 namespace db {
@@ -32,7 +33,7 @@ void AssignFromText(Attribute* attribute, const std::string& text) {
       *attribute = static_cast<int32_t>(std::stoi(text));
       break;
     case kFloat:
-      *attribute = std::stof(text);
+      *attribute = TextToFloat(text);
       break;
     case kString:
       *attribute = text;
