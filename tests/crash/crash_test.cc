@@ -196,22 +196,11 @@ class Probe {
   }
 
   void Kill() {
-    const std::vector<std::string> command = ProgramCommand(Self());
-    std::vector<std::string> args = command;
+    std::vector<std::string> args = ProgramCommand(Self());
     args.insert(args.end(), {"write", kind_, path_, std::to_string(next_seq_)});
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
-    const pid_t pid = fork();
-    if (pid == 0) {
-      dup2(fds[1], 1);
-      close(fds[0]);
-      close(fds[1]);
-      std::vector<char*> argv;
-      for (std::string& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      execvp(argv[0], argv.data());
-      _exit(127);
-    }
+    const pid_t pid = StartProgram(args, fds[1], 2);
     close(fds[1]);
     // Mostly while writing; one kill in eight during start-up and recovery.
     const bool early = rng_() % 8 == 0;

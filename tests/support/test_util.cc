@@ -1,6 +1,8 @@
 #include "support/test_util.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -89,6 +91,21 @@ std::vector<std::string> ProgramCommand(const std::string& program) {
   for (std::string word; words >> word;) argv.push_back(word);
   argv.push_back(program);
   return argv;
+}
+
+pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd) {
+  std::vector<std::string> args = argv;
+  std::vector<char*> pointers;
+  for (std::string& arg : args) pointers.push_back(arg.data());
+  pointers.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid != 0) return pid;
+  const int null_fd = open("/dev/null", O_RDONLY);
+  dup2(null_fd, 0);
+  dup2(out_fd, 1);
+  dup2(err_fd, 2);
+  execvp(pointers[0], pointers.data());
+  _exit(127);
 }
 
 }  // namespace db_test
