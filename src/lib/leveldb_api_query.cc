@@ -30,8 +30,11 @@ int LeveldbAPI::RetrieveRecords(std::vector<uint32_t>* ids, const ScalarFields& 
   ids->clear();
   if (!CheckTableExistence()) return kFailure;
 
+  // Unset elements impose nothing; a repeated field left without elements is
+  // no condition at all, as on SQLite.
+  const CompositeFields wanted = SetElementsOf(composite_filter);
   std::list<uint32_t> found;
-  if (scalar_filter.empty() && composite_filter.empty()) {
+  if (scalar_filter.empty() && wanted.empty()) {
     const int r = RetrieveAllIds(found, table_name_);
     if (r != kOk) {
       DB_LOG_ERROR("ERROR: Failed to retrieve database ids, table='%s'", table_name_.c_str());
@@ -45,17 +48,11 @@ int LeveldbAPI::RetrieveRecords(std::vector<uint32_t>* ids, const ScalarFields& 
     if (!IsValidSchemaForRetrieveRecords(scalar_filter)) return kFailure;
     // A composite filter that does not fit the schema matches no record: the
     // answer is an empty result and success, not an error. Intended.
-    if (!table_->IsValidCompositeSchema(composite_filter)) return kOk;
+    if (!table_->IsValidCompositeSchema(wanted)) return kOk;
     ScalarFields filter = scalar_filter;
     CompleteScalarSchema(filter);
     int r = RetrieveIds(found, table_name_, filter);
-    if (r == kOk) {
-      CompositeFields wanted;
-      for (const auto& field : composite_filter) {
-        if (!field.second.second.empty()) wanted.insert(field);
-      }
-      if (!wanted.empty()) r = RetrieveCompositeIds(found, table_name_, wanted);
-    }
+    if (r == kOk && !wanted.empty()) r = RetrieveCompositeIds(found, table_name_, wanted);
     if (r != kOk) {
       DB_LOG_ERROR("ERROR: Failed to retrieve database ids, table='%s'", table_name_.c_str());
       return r;
