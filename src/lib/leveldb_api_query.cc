@@ -111,9 +111,10 @@ int LeveldbAPI::RetrieveIdsFromDatabase(std::list<uint32_t>& ids, const std::str
     try {
       if (serializer_.ScalarIsPresent(filter, value)) ids.push_back(id);
     } catch (const std::exception& e) {
+      // Logged here; the conversion error of a damaged value is the caller's.
       DB_LOG_ERROR("ERROR: Corrupt record, key='%s', value='%s', exception='%s'", key.c_str(),
                    value.c_str(), e.what());
-      return kCorruption;
+      throw;
     }
   }
   const leveldb::Status status = it->status();
@@ -159,7 +160,7 @@ int LeveldbAPI::FilterIdsOnDatabase(const std::string& table, const ScalarFields
     } catch (const std::exception& e) {
       DB_LOG_ERROR("ERROR: Corrupt record, key='%s', value='%s', exception='%s'",
                    Serializer::ScalarKey(table, *id).c_str(), value.c_str(), e.what());
-      return kCorruption;
+      throw;
     }
     id = present ? std::next(id) : ids.erase(id);
   }
@@ -183,7 +184,7 @@ int LeveldbAPI::RetrieveCompositeIds(std::list<uint32_t>& ids, const std::string
         const std::string key = LevelDbTable::BuildCompositeKey(table, *id, field.first);
         DB_LOG_ERROR("ERROR: Corrupt record, key='%s', value='%s', exception='%s'", key.c_str(),
                      value.c_str(), e.what());
-        return kCorruption;
+        throw;
       }
       if (!keep) break;
     }
