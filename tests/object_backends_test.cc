@@ -236,6 +236,28 @@ TEST_P(BackendTest, Filters) {
   EXPECT_THAT(ids, IsEmpty());
 }
 
+// After reading a record without repeated elements, the current record holds
+// the schema's single unset element: as a filter it imposes nothing.
+TEST_P(BackendTest, UnsetRepeatedElementsImposeNothing) {
+  auto object = Open();
+  const uint32_t full = Store(object.get(), Rec{1, 0, "a", 1.0f, {1}, {80}});
+  const uint32_t bare = Store(object.get(), Rec{2, 0, "b", 1.0f, {1}, {}});
+  ScalarFields scalar;
+  CompositeFields composite;
+  ASSERT_EQ(object->RetrieveObject(bare, &scalar, &composite), 0);
+  std::vector<uint32_t> ids;
+  EXPECT_EQ(object->RetrieveObjects(&ids), 0);
+  EXPECT_THAT(ids, ElementsAre(bare));
+  static int visits;
+  visits = 0;
+  auto count = [](uint32_t, const ScalarFields&, const CompositeFields&) { return ++visits > 0; };
+  EXPECT_EQ(object->TraverseObjects(count), 0);
+  EXPECT_EQ(visits, 1);
+  EXPECT_EQ(Ids(*object, {}, object->composite_schema()), (std::vector<uint32_t>{full, bare}));
+  ASSERT_EQ(object->DeleteMultipleObjects(), 0);
+  EXPECT_EQ(Ids(*object), (std::vector<uint32_t>{full}));
+}
+
 // LevelDB keys hold ids as decimal text ("records:10" sorts before
 // "records:9"), yet its results are in numeric order. SQLite promises only
 // the set.

@@ -22,9 +22,10 @@ namespace db {
 namespace {
 
 // Operators read the parser's complaints next to the shell's output, so the
-// lines name the source the way our log lines do, and the three lines that
-// tools on the element grep for keep the line numbers they have always had.
-constexpr char kSourceName[] = "src/lib/elem_parser";
+// lines name the source file as the build names it, extension included, the
+// way our log lines do; and the three lines that tools on the element grep
+// for keep the line numbers they have always had.
+constexpr char kSourceName[] = __FILE__;
 constexpr int kLineInvalidPrintFormat = 327;
 constexpr int kLineInvalidArgv = 398;
 constexpr int kLineInvalidOpt = 414;

@@ -162,10 +162,11 @@ int LeveldbAPI::AddScalarField(const std::string& name, const Attribute& value) 
     try {
       serializer_.AddScalarField(record, name, schema);
     } catch (const std::exception& e) {
-      // Nothing is written: the table stays as it was.
+      // Nothing is written: the table stays as it was. The conversion error
+      // is the caller's to handle, as the encoding lets it pass.
       DB_LOG_ERROR("ERROR: Corrupt record, key='%s', value='%s', exception='%s'", key.c_str(),
                    record.c_str(), e.what());
-      return kCorruption;
+      throw;
     }
     batch.Put(key, record);
   }

@@ -73,20 +73,6 @@ ScalarFields SetScalars(const ScalarFields& scalar) {
   return result;
 }
 
-// The set elements of every repeated field of a filter; a field without a set
-// element imposes nothing and is left out.
-CompositeFields SetComposites(const CompositeFields& composite) {
-  CompositeFields result;
-  for (const auto& [name, field] : composite) {
-    std::vector<Attribute> elements;
-    for (const Attribute& element : field.second) {
-      if (element.is_set()) elements.push_back(element);
-    }
-    if (!elements.empty()) result.emplace(name, CompositeField(field.first, std::move(elements)));
-  }
-  return result;
-}
-
 // Column type of a field of kind `type`.
 const char* SqlTypeOf(AttributeType type) {
   switch (type) {
@@ -577,7 +563,7 @@ int SqliteAPI::RetrieveRecords(std::vector<uint32_t>* ids, const ScalarFields& s
   // Only set attributes restrict: unset scalars and unset elements are left
   // out before the statement is built.
   const ScalarFields scalar = SetScalars(scalar_filter);
-  const CompositeFields composite = SetComposites(composite_filter);
+  const CompositeFields composite = SetElementsOf(composite_filter);
   ids->clear();
   std::string query;
   query.reserve(8192);

@@ -167,6 +167,10 @@ Shell::Outcome Shell::Execute(const std::string& line, FILE* out) {
     fflush(out);
     fprintf(stderr, "db-shell: command failed: %s\n", e.what());
     return Outcome::kRefused;
+  } catch (...) {
+    fflush(out);
+    fprintf(stderr, "db-shell: command failed\n");
+    return Outcome::kRefused;
   }
   if (rc != 0) {
     fprintf(stderr, "db-shell: unknown command: %s (try 'help')\n", line.c_str());
