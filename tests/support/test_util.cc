@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "db/init.h"
+#include "id_generator.h"
 #include "qelmw.h"
 #include "zlog.h"
 
@@ -89,6 +90,14 @@ std::vector<std::string> ProgramCommand(const std::string& program) {
   for (std::string word; words >> word;) argv.push_back(word);
   argv.push_back(program);
   return argv;
+}
+
+std::set<uint32_t> FreeIds() {
+  std::set<uint32_t> ids;
+  for (const auto& [first, last] : db::IdGenerator::GetInstance().free_ranges()) {
+    for (uint64_t id = first; id <= last; ++id) ids.insert(static_cast<uint32_t>(id));
+  }
+  return ids;
 }
 
 }  // namespace db_test

@@ -4,7 +4,9 @@
 #ifndef DB_INTF_TESTS_SUPPORT_TEST_UTIL_H_
 #define DB_INTF_TESTS_SUPPORT_TEST_UTIL_H_
 
+#include <cstdint>
 #include <cstdio>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -60,6 +62,9 @@ std::string ReadFile(const std::string& path);
 // $DB_INTF_TEST_EMULATOR (blank-separated; set by a cross build, where target
 // programs run under an emulator) followed by `program`.
 std::vector<std::string> ProgramCommand(const std::string& program);
+
+// The free ids of the process-wide allocator, one by one (small tests only).
+std::set<uint32_t> FreeIds();
 
 }  // namespace db_test
 
