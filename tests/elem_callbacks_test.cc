@@ -34,8 +34,7 @@ const std::string kNotAvailable = "\nERROR! Database not available.\n";
 class ElemCallbacksTest : public ::testing::TestWithParam<DbType> {
  protected:
   void SetUp() override {
-    IdGenerator::GetInstance().set_last_id(0);  // ids count from 1 in every test
-    IdGenerator::GetInstance().free_ids().clear();
+    IdGenerator::GetInstance().Reset();  // ids count from 1 in every test
     group_ = ElemCmdGroupCreate("db");
   }
   void TearDown() override {

@@ -17,6 +17,7 @@
 #include "db/db_object.h"
 #include "id_generator.h"
 #include "sqlite_api.h"
+#include "support/sqlite_util.h"
 #include "support/test_util.h"
 
 namespace db_test {
@@ -101,8 +102,6 @@ int Size(const db::DbObject& object) {
   return size;
 }
 
-std::set<uint32_t> FreeIds() { return db::IdGenerator::GetInstance().free_ids(); }
-
 // The parameter names the configuration: "SqliteFile", "SqliteMemory" or "LevelDb".
 class BackendTest : public testing::TestWithParam<const char*> {
  protected:
@@ -130,6 +129,16 @@ class BackendTest : public testing::TestWithParam<const char*> {
     EXPECT_EQ(object->AppendCompositeAttribute("ports", Attribute(db::kInteger), db::kDefault), 0);
     EXPECT_EQ(create ? object->CreateObjTables() : 0, 0);
     return object;
+  }
+
+  // Records holding num = 1 under `ids`, written through the backend alone.
+  void Seed(const std::vector<uint32_t>& ids) const {
+    std::unique_ptr<db::DatabaseAPI> writer(
+        db::DbObject::CreateDbApi(type(), db_name_, "records", in_memory()));
+    ASSERT_EQ(writer->CreateTable({{"num", Attribute(db::kInteger)}}, CompositeFields()), 0);
+    for (uint32_t id : ids) {
+      ASSERT_EQ(writer->StoreRecord(id, {{"num", Val(1)}}, CompositeFields()), 0);
+    }
   }
 
   LogCapture log_;
@@ -303,8 +312,7 @@ TEST_P(BackendTest, RecordsSurviveReopeningAndResynchronise) {
     ASSERT_EQ(object->DeleteSingleObject(4), 0);
   }
   db::IdGenerator& generator = db::IdGenerator::GetInstance();
-  generator.set_last_id(0);
-  generator.free_ids().clear();
+  generator.Reset();
   auto reopened = Open(false);
   EXPECT_EQ(generator.last_id(), 0u);
   ExpectStored(*reopened, 3, kept);
@@ -318,13 +326,7 @@ TEST_P(BackendTest, RecordsSurviveReopeningAndResynchronise) {
 // The first object of a process on an existing database (written here through
 // the backend directly) resynchronises by itself.
 TEST_P(BackendTest, FirstObjectOfProcessResynchronisesOnConstruction) {
-  std::unique_ptr<db::DatabaseAPI> writer(
-      db::DbObject::CreateDbApi(type(), db_name_, "records", in_memory()));
-  ASSERT_EQ(writer->CreateTable({{"num", Attribute(db::kInteger)}}, CompositeFields()), 0);
-  for (uint32_t id : {2u, 5u, 9u}) {
-    ASSERT_EQ(writer->StoreRecord(id, {{"num", Val(1)}}, CompositeFields()), 0);
-  }
-  writer.reset();
+  Seed({2, 5, 9});
   auto object = Open(false);
   EXPECT_EQ(db::IdGenerator::GetInstance().last_id(), 9u);
   EXPECT_EQ(FreeIds(), (std::set<uint32_t>{1, 3, 4, 6, 7, 8}));
@@ -373,6 +375,18 @@ TEST_P(BackendTest, HostileValuesRoundTripAndChangeNoOtherRecord) {
     ExpectStored(*object, other, neighbour);
   }
   EXPECT_EQ(Size(*object), 1 + static_cast<int>(std::size(texts)));
+}
+
+// The gap below one large id is held as one range: the table opens at once.
+// A SQLite ID of -5 written by another program reads as 4294967291.
+TEST_P(BackendTest, OneLargeStoredIdOpensAtOnce) {
+  Seed({1, 2, 4000000000u});
+  const bool negative = GetParam() == std::string("SqliteFile");
+  if (negative) RawDb(db_name_).Query("INSERT INTO records (ID, num) VALUES (-5, 1);");
+  auto object = Open(false);
+  EXPECT_EQ(db::IdGenerator::GetInstance().last_id(), negative ? 4294967291u : 4000000000u);
+  EXPECT_EQ(object->ResynchronizeDb(true), negative ? 4 : 3);
+  for (uint32_t expected : {3u, 4u, 5u}) EXPECT_EQ(db::DbObject::GetNextId(), expected);
 }
 
 std::string dumped;

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <exception>
 #include <sstream>
+#include <unordered_set>
 
 #include "float_text.h"
 #include "logger.h"
@@ -116,9 +117,8 @@ int CallbackExistObject(void* context, int, char**, char**) {
 
 int CallbackSelectMultiple(void* context, int argc, char** values, char**) {
   if (argc < 1 || values[0] == nullptr) return 0;
-  auto* ids = static_cast<std::vector<uint32_t>*>(context);
-  const auto id = static_cast<uint32_t>(std::strtoul(values[0], nullptr, 10));
-  if (std::find(ids->begin(), ids->end(), id) == ids->end()) ids->push_back(id);
+  static_cast<std::vector<uint32_t>*>(context)->push_back(
+      static_cast<uint32_t>(std::strtoul(values[0], nullptr, 10)));
   return 0;
 }
 
@@ -595,7 +595,18 @@ int SqliteAPI::RetrieveRecords(std::vector<uint32_t>* ids, const ScalarFields& s
         GenerateCompositeFieldValuesQuery(qualified_composite));
     query.append(");");
   }
-  return ExecuteQuery(query, CallbackSelectMultiple, ids);
+  const int rc = ExecuteQuery(query, CallbackSelectMultiple, ids);
+  // The join yields one row per matching element: each id is kept once, in
+  // the order first seen. One pass, so that reading every id of a large table
+  // (as resynchronisation does) stays linear.
+  std::unordered_set<uint32_t> seen;
+  seen.reserve(ids->size());
+  size_t kept = 0;
+  for (const uint32_t id : *ids) {
+    if (seen.insert(id).second) (*ids)[kept++] = id;
+  }
+  ids->resize(kept);
+  return rc;
 }
 
 int SqliteAPI::PrintDatabase(const CompositeFields& composite_schema,

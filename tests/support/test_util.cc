@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "db/init.h"
+#include "id_generator.h"
 #include "qelmw.h"
 #include "zlog.h"
 
@@ -106,6 +107,14 @@ pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd)
   dup2(err_fd, 2);
   execvp(pointers[0], pointers.data());
   _exit(127);
+}
+
+std::set<uint32_t> FreeIds() {
+  std::set<uint32_t> ids;
+  for (const auto& [first, last] : db::IdGenerator::GetInstance().free_ranges()) {
+    for (uint64_t id = first; id <= last; ++id) ids.insert(static_cast<uint32_t>(id));
+  }
+  return ids;
 }
 
 }  // namespace db_test

@@ -6,7 +6,9 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -67,6 +69,9 @@ std::vector<std::string> ProgramCommand(const std::string& program);
 // /dev/null and standard output and error on `out_fd` and `err_fd`; returns
 // its process id (the caller waits for it).
 pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd);
+
+// The free ids of the process-wide allocator, one by one (small tests only).
+std::set<uint32_t> FreeIds();
 
 }  // namespace db_test
 
