@@ -28,8 +28,16 @@ void LeveldbAPI::Connect(const std::string& path) {
   if (handle == nullptr) return;  // The connector logged the open failure.
   db_ = handle;
   holds_use_ = true;
-  table_ = std::make_unique<LevelDbTable>(table_name_, path);
-  index_ = std::make_unique<LevelDbIndex>(table_name_, path);
+  try {
+    table_ = std::make_unique<LevelDbTable>(table_name_, path);
+    index_ = std::make_unique<LevelDbIndex>(table_name_, path);
+  } catch (...) {
+    // A damaged schema record lets its conversion error out of the loading.
+    // The use goes back first: otherwise no later release could close the
+    // database, and its lock would stay taken for the life of the process.
+    Disconnect();
+    throw;
+  }
 }
 
 bool LeveldbAPI::Disconnect() {
