@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -38,18 +37,9 @@ using Message = std::unique_ptr<ipc_message, decltype(&ipc_free)>;
 int RunRouter(const std::vector<std::string>& args, const std::string& out, bool wait) {
   std::vector<std::string> argv = db_test::ProgramCommand(IPC_ROUTER_PATH);
   argv.insert(argv.end(), args.begin(), args.end());
-  pid_t pid = fork();
-  if (pid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlive the test
-    int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    dup2(fd, 1);
-    dup2(fd, 2);
-    std::vector<char*> args;
-    for (auto& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    execvp(args[0], args.data());
-    _exit(127);
-  }
+  int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  pid_t pid = db_test::StartProgram(argv, fd, fd);
+  close(fd);
   int status = 0;
   if (!wait) return pid;
   waitpid(pid, &status, 0);

@@ -1,7 +1,9 @@
 #include "support/test_util.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -101,6 +103,7 @@ pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd)
   pointers.push_back(nullptr);
   const pid_t pid = fork();
   if (pid != 0) return pid;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives the test, even one that dies
   const int null_fd = open("/dev/null", O_RDONLY);
   dup2(null_fd, 0);
   dup2(out_fd, 1);

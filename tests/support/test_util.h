@@ -67,7 +67,8 @@ std::vector<std::string> ProgramCommand(const std::string& program);
 
 // Starts `argv` (a ProgramCommand plus arguments) with standard input from
 // /dev/null and standard output and error on `out_fd` and `err_fd`; returns
-// its process id (the caller waits for it).
+// its process id (the caller waits for it). The program is killed when the
+// calling process dies.
 pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd);
 
 // The free ids of the process-wide allocator, one by one (small tests only).
