@@ -2,6 +2,7 @@
 // libdb-intf (db/ipc.h). With --status it prints the operator view of a
 // running router instead.
 
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
