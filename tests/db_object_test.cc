@@ -28,6 +28,7 @@ namespace {
 using db::Attribute;
 using db::CompositeFields;
 using db::ScalarFields;
+using db_test::FreeIds;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -176,8 +177,6 @@ Attribute Int(int32_t v) {
   a = v;
   return a;
 }
-
-std::set<uint32_t> FreeIds() { return db::IdGenerator::GetInstance().free_ids(); }
 
 // Integer fields: scalars a and b, repeated l.
 void Declare(db::DbObject* object) {
@@ -504,8 +503,8 @@ TEST_F(DbObjectTest, PrintDatabaseHandsSchemaAndPrinterToBackend) {
 // Runs `script` on an allocator reset to `last_id` with no free ids: "+N" hands
 // out an id and expects N, "-N" gives N back.
 void RunScript(const std::string& script, uint32_t last_id = 0) {
+  db::IdGenerator::GetInstance().Reset();
   db::IdGenerator::GetInstance().set_last_id(last_id);
-  db::IdGenerator::GetInstance().free_ids().clear();
   std::istringstream steps(script);
   for (std::string step; steps >> step;) {
     const auto value = static_cast<uint32_t>(std::stoul(step.substr(1)));

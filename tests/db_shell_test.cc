@@ -198,7 +198,8 @@ TEST_P(DbShellTest, ExitStatusAndStandardError) {
       {{"Frobnicate ports", "Get Size ports"}, "", 1, "Get Size ports", "unknown command: Frob"},
       {{"Get Size nosuchtable", "Get Size ports"}, "", 1, "Get Size ports", "command: Get Size n"},
       // The filter parser would never return on a group without a name.
-      {{"Retrieve Records ports -s speed=1 -c =[1]", "Get Size ports"},
+      {{"Retrieve Records ports -s speed=1 -c =[1]", "Retrieve Records ports -xc=[1]",
+        "Get Size ports"},
        "",
        1,
        "Get Size ports",

@@ -9,12 +9,15 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "db/db_object.h"
 #include "elem_cmd.h"
 #include "id_generator.h"
 #include "limid.h"
+#include "support/leveldb_util.h"
+#include "support/sqlite_util.h"
 #include "support/test_util.h"
 
 namespace db {
@@ -31,8 +34,7 @@ const std::string kNotAvailable = "\nERROR! Database not available.\n";
 class ElemCallbacksTest : public ::testing::TestWithParam<DbType> {
  protected:
   void SetUp() override {
-    IdGenerator::GetInstance().set_last_id(0);  // ids count from 1 in every test
-    IdGenerator::GetInstance().free_ids().clear();
+    IdGenerator::GetInstance().Reset();  // ids count from 1 in every test
     group_ = ElemCmdGroupCreate("db");
   }
   void TearDown() override {
@@ -195,6 +197,26 @@ TEST_P(ElemCallbacksTest, MissingTableIsNotAvailable) {
   for (const char* line : {"Get Size T", "Dump T all", "Retrieve Records T -s Port=1"}) {
     EXPECT_EQ(kNotAvailable, Run(line)) << line;
   }
+}
+
+// A stored value that does not convert becomes one error line, never an
+// exception into the C shell; the commands go on working.
+TEST_P(ElemCallbacksTest, UnconvertibleValuesGiveOneErrorLine) {
+  DbObject& object = MakeTable();
+  Store(object, "a", 1, {});
+  Store(object, "b", 2, {});
+  const std::string failed = "\nERROR! Could not read the table: ";
+  if (GetParam() == kSqlite) {  // converted when a record is read
+    db_test::RawDb(dir_.File("db")).Query("UPDATE T SET port='x' WHERE ID=2;");
+    EXPECT_EQ(failed + "stoi\n", Run("Retrieve Record T 2"));
+    const std::string dumped = Run("Dump T all");
+    EXPECT_EQ("1", Rows(dumped, "Id"));
+    EXPECT_THAT(dumped, testing::EndsWith(kRule + "\n" + failed + "id=2: stoi\n"));
+  } else {  // converted when a filter meets the value
+    db_test::PutRaw(dir_.File("db"), "T:2", "x,");
+    EXPECT_EQ(failed + "stoi\n", Run("Retrieve Records T -s Port=2"));
+  }
+  EXPECT_THAT(Run("Get Size T"), testing::HasSubstr("\n2\n"));
 }
 
 TEST_P(ElemCallbacksTest, RepeatedValuesAreJoinedEvenWhenOneShowsEmpty) {

@@ -74,11 +74,11 @@ TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
     EXPECT_EQ("", Parse(type, text, format, &parsed)) << text;
     EXPECT_TRUE(parsed == want) << text << " gave " << parsed.ToPrintableString();
   };
-  // `err` is matched after "src/lib/elem_parser:<line>:".
+  // `err` is matched after "src/lib/elem_parser.cc:<line>:".
   auto fails = [](int format, AttributeType type, const char* text, const std::string& err) {
     Attribute parsed;
     const std::string got = Parse(type, text, format, &parsed);
-    EXPECT_EQ(0, fnmatch(("src/lib/elem_parser:*:" + err).c_str(), got.c_str(), 0)) << got;
+    EXPECT_EQ(0, fnmatch(("src/lib/elem_parser.cc:*:" + err).c_str(), got.c_str(), 0)) << got;
   };
   ok(kHex, kString, "0a0bFf", Str({0x0a, 0x0b, 0xff}));
   ok(kHex, kInteger, "0xFFFFFFFF", V(-1));
@@ -107,7 +107,7 @@ TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
   // Formats 3, 4 and from 9 on are refused and leave the value as it was.
   for (int format : {3, 4, 9, 42}) {
     Attribute value = V(int32_t{5});
-    EXPECT_EQ("src/lib/elem_parser:327:ParseValue(): ERROR! Invalid print format " +
+    EXPECT_EQ("src/lib/elem_parser.cc:327:ParseValue(): ERROR! Invalid print format " +
                   std::to_string(format) + "\n",
               db_test::CaptureStderr(
                   [&] { ElemParser::ParseValue(value, "1", static_cast<PrintFormat>(format)); }));
@@ -153,7 +153,7 @@ TEST(ElemParserCmdTest, OptionsFillTheFiltersUnderTheFieldNames) {
        {}},
       {{"-s", "Port=(unset),"}, "", {{"port", Attribute(kInteger)}}, {}},
       {{"-s", "alt=10.0.0.1,Port=1"},
-       "src/lib/elem_parser:327:ParseValue(): ERROR! Invalid print format 3\n",
+       "src/lib/elem_parser.cc:327:ParseValue(): ERROR! Invalid print format 3\n",
        {{"alt", Attribute(kBytes)}, {"port", V(1)}},
        {}},
       {{"-c", "Vlans=[10,20], Other=[1] ;Vlans=[30,(unset)],Port=[4]"},
@@ -161,7 +161,7 @@ TEST(ElemParserCmdTest, OptionsFillTheFiltersUnderTheFieldNames) {
        {},
        {V(10), V(20), V(30), Attribute(kInteger)}},
       {{"-x", "-s", "Port=3", "-c", "Vlans=[4]"},
-       "src/lib/elem_parser:414:ParseCmdParam(): ERROR! Invalid opt 63, optarg (null)\n",
+       "src/lib/elem_parser.cc:414:ParseCmdParam(): ERROR! Invalid opt 63, optarg (null)\n",
        {{"port", V(3)}},
        {V(4)}}};
   // Each call restarts scanning, also after another vector was scanned.
@@ -185,7 +185,7 @@ TEST(ElemParserCmdTest, OptionsFillTheFiltersUnderTheFieldNames) {
   EXPECT_EQ((ScalarFields{{"port", V(1)}, {"name", V(std::string("x"))}}), scalar_);
   EXPECT_EQ((std::vector<Attribute>{V(7), V(8)}), composite_["vlans"].second);
 
-  EXPECT_EQ("src/lib/elem_parser:398:ParseCmdParam(): ERROR! Invalid argv\n",
+  EXPECT_EQ("src/lib/elem_parser.cc:398:ParseCmdParam(): ERROR! Invalid argv\n",
             db_test::CaptureStderr(
                 [&] { ElemParser::ParseCmdParam(1, nullptr, object, scalar_, composite_); }));
 }

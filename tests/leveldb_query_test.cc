@@ -2,6 +2,7 @@
 #include <memory>
 #include <random>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -130,10 +131,16 @@ TEST_F(LeveldbQueryTest, OrderAndRefusedFilters) {
   EXPECT_EQ(api->RetrieveRecords(&ids, {{"zz", Set(1)}}, {}), -1);
   EXPECT_EQ(log_.Count("ERROR: Invalid scalar field='zz', table='T'"), 1);
   EXPECT_EQ(api->PrintDatabase({}, nullptr), -2);
+  // A damaged value lets the conversion error pass, on every path that meets it.
+  PutRaw(path_, "tags:T:10", "3,5,5,5,1");
+  EXPECT_THROW(Query(*api, {{"a", Set(1)}}, Tags({5})), std::out_of_range);
   PutRaw(path_, "T:2", "3,5,5,5,1");
-  EXPECT_EQ(api->RetrieveRecords(&ids, {{"a", Set(1)}}, {}), -7);
-  EXPECT_EQ(log_.Count("ERROR: Failed to retrieve database ids, table='T'"), 1);
+  EXPECT_THROW(api->RetrieveRecords(&ids, {{"a", Set(1)}}, {}), std::out_of_range);
+  EXPECT_EQ(log_.Count("ERROR: Corrupt record, key='T:2'"), 1);
   EXPECT_TRUE(ids.empty());
+  ASSERT_EQ(api->AddTableIndex("i", {"a"}), 0);
+  PutRaw(path_, "T:9", "3,5,5,5,1");
+  EXPECT_THROW(Query(*api, {{"a", Set(1)}, {"c", Set(1)}}), std::out_of_range);
 }
 
 TEST_F(LeveldbQueryTest, DeletionsLeaveStoreAndIndexInStep) {

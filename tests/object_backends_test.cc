@@ -17,6 +17,7 @@
 #include "db/db_object.h"
 #include "id_generator.h"
 #include "sqlite_api.h"
+#include "support/sqlite_util.h"
 #include "support/test_util.h"
 
 namespace db_test {
@@ -101,8 +102,6 @@ int Size(const db::DbObject& object) {
   return size;
 }
 
-std::set<uint32_t> FreeIds() { return db::IdGenerator::GetInstance().free_ids(); }
-
 // The parameter names the configuration: "SqliteFile", "SqliteMemory" or "LevelDb".
 class BackendTest : public testing::TestWithParam<const char*> {
  protected:
@@ -130,6 +129,16 @@ class BackendTest : public testing::TestWithParam<const char*> {
     EXPECT_EQ(object->AppendCompositeAttribute("ports", Attribute(db::kInteger), db::kDefault), 0);
     EXPECT_EQ(create ? object->CreateObjTables() : 0, 0);
     return object;
+  }
+
+  // Records holding num = 1 under `ids`, written through the backend alone.
+  void Seed(const std::vector<uint32_t>& ids) const {
+    std::unique_ptr<db::DatabaseAPI> writer(
+        db::DbObject::CreateDbApi(type(), db_name_, "records", in_memory()));
+    ASSERT_EQ(writer->CreateTable({{"num", Attribute(db::kInteger)}}, CompositeFields()), 0);
+    for (uint32_t id : ids) {
+      ASSERT_EQ(writer->StoreRecord(id, {{"num", Val(1)}}, CompositeFields()), 0);
+    }
   }
 
   LogCapture log_;
@@ -236,6 +245,28 @@ TEST_P(BackendTest, Filters) {
   EXPECT_THAT(ids, IsEmpty());
 }
 
+// After reading a record without repeated elements, the current record holds
+// the schema's single unset element: as a filter it imposes nothing.
+TEST_P(BackendTest, UnsetRepeatedElementsImposeNothing) {
+  auto object = Open();
+  const uint32_t full = Store(object.get(), Rec{1, 0, "a", 1.0f, {1}, {80}});
+  const uint32_t bare = Store(object.get(), Rec{2, 0, "b", 1.0f, {1}, {}});
+  ScalarFields scalar;
+  CompositeFields composite;
+  ASSERT_EQ(object->RetrieveObject(bare, &scalar, &composite), 0);
+  std::vector<uint32_t> ids;
+  EXPECT_EQ(object->RetrieveObjects(&ids), 0);
+  EXPECT_THAT(ids, ElementsAre(bare));
+  static int visits;
+  visits = 0;
+  auto count = [](uint32_t, const ScalarFields&, const CompositeFields&) { return ++visits > 0; };
+  EXPECT_EQ(object->TraverseObjects(count), 0);
+  EXPECT_EQ(visits, 1);
+  EXPECT_EQ(Ids(*object, {}, object->composite_schema()), (std::vector<uint32_t>{full, bare}));
+  ASSERT_EQ(object->DeleteMultipleObjects(), 0);
+  EXPECT_EQ(Ids(*object), (std::vector<uint32_t>{full}));
+}
+
 // LevelDB keys hold ids as decimal text ("records:10" sorts before
 // "records:9"), yet its results are in numeric order. SQLite promises only
 // the set.
@@ -281,8 +312,7 @@ TEST_P(BackendTest, RecordsSurviveReopeningAndResynchronise) {
     ASSERT_EQ(object->DeleteSingleObject(4), 0);
   }
   db::IdGenerator& generator = db::IdGenerator::GetInstance();
-  generator.set_last_id(0);
-  generator.free_ids().clear();
+  generator.Reset();
   auto reopened = Open(false);
   EXPECT_EQ(generator.last_id(), 0u);
   ExpectStored(*reopened, 3, kept);
@@ -296,17 +326,67 @@ TEST_P(BackendTest, RecordsSurviveReopeningAndResynchronise) {
 // The first object of a process on an existing database (written here through
 // the backend directly) resynchronises by itself.
 TEST_P(BackendTest, FirstObjectOfProcessResynchronisesOnConstruction) {
-  std::unique_ptr<db::DatabaseAPI> writer(
-      db::DbObject::CreateDbApi(type(), db_name_, "records", in_memory()));
-  ASSERT_EQ(writer->CreateTable({{"num", Attribute(db::kInteger)}}, CompositeFields()), 0);
-  for (uint32_t id : {2u, 5u, 9u}) {
-    ASSERT_EQ(writer->StoreRecord(id, {{"num", Val(1)}}, CompositeFields()), 0);
-  }
-  writer.reset();
+  Seed({2, 5, 9});
   auto object = Open(false);
   EXPECT_EQ(db::IdGenerator::GetInstance().last_id(), 9u);
   EXPECT_EQ(FreeIds(), (std::set<uint32_t>{1, 3, 4, 6, 7, 8}));
   EXPECT_EQ(object->ResynchronizeDb(true), 3);
+}
+
+// Values that could end a quoted SQL text, a statement or a stored length:
+// quotes, ";", "--", NUL and the escape bytes 0xFF 0xFE, 1 MB texts, the
+// integer limits and a subnormal float. Each comes back exactly, in scalar
+// and repeated fields, after a store and after an update, and changes no other
+// record.
+TEST_P(BackendTest, HostileValuesRoundTripAndChangeNoOtherRecord) {
+  auto object = Open(false);
+  ASSERT_EQ(object->AppendCompositeAttribute("notes", Attribute(db::kString), db::kDefault), 0);
+  ASSERT_EQ(object->CreateObjTables(), 0);
+  const Rec neighbour{1, 1, "neighbour", 1.0f, {1}, {5}};
+  const uint32_t other = Store(object.get(), neighbour);
+  std::string big(1 << 20, 'q');
+  for (size_t i = 0; i < big.size(); i += 4093) big[i] = "'\0\xFF\xFE;-,"[i % 7];
+  const std::string texts[] = {"O'Brien''",
+                               "x'); DELETE FROM records; --",
+                               std::string("a\0b", 3),
+                               "\xFF\xFE\xFF",
+                               "tail\xFF",
+                               "\xFE\xFE",
+                               ",;--,",
+                               big};
+  auto write = [&](const std::string& text, uint32_t* id) {
+    const Rec r{INT32_MIN,
+                INT32_MAX,
+                text,
+                1e-40f,
+                std::vector<uint8_t>(text.begin(), text.end()),
+                {INT32_MIN, 0, INT32_MAX}};
+    SetRecord(object.get(), r);
+    object->composite_fields()["notes"].second = {Val(text), Val("'" + text)};
+    ASSERT_EQ(*id == 0 ? object->StoreObject(id) : object->UpdateObject(*id), 0);
+    ExpectStored(*object, *id, r);
+    EXPECT_EQ(object->composite_fields().at("notes").second,
+              (std::vector<Attribute>{Val(text), Val("'" + text)}));
+  };
+  for (const std::string& text : texts) {
+    uint32_t id = 0;
+    write(text, &id);
+    write(std::string(text.rbegin(), text.rend()), &id);
+    ExpectStored(*object, other, neighbour);
+  }
+  EXPECT_EQ(Size(*object), 1 + static_cast<int>(std::size(texts)));
+}
+
+// The gap below one large id is held as one range: the table opens at once.
+// A SQLite ID of -5 written by another program reads as 4294967291.
+TEST_P(BackendTest, OneLargeStoredIdOpensAtOnce) {
+  Seed({1, 2, 4000000000u});
+  const bool negative = GetParam() == std::string("SqliteFile");
+  if (negative) RawDb(db_name_).Query("INSERT INTO records (ID, num) VALUES (-5, 1);");
+  auto object = Open(false);
+  EXPECT_EQ(db::IdGenerator::GetInstance().last_id(), negative ? 4294967291u : 4000000000u);
+  EXPECT_EQ(object->ResynchronizeDb(true), negative ? 4 : 3);
+  for (uint32_t expected : {3u, 4u, 5u}) EXPECT_EQ(db::DbObject::GetNextId(), expected);
 }
 
 std::string dumped;

@@ -79,6 +79,12 @@ class DB_INTF_EXPORT DatabaseAPI {
   virtual int ClearTable(const CompositeFields& composite_schema, std::vector<uint32_t>* ids) = 0;
   virtual void SetTableName(const std::string& name) = 0;
   virtual const std::string& GetTableName() const = 0;
+
+ protected:
+  // The set elements of every repeated field of `filter`. A field without a
+  // set element (such as the single unset element of a composite schema)
+  // imposes nothing and is left out.
+  static CompositeFields SetElementsOf(const CompositeFields& filter);
 };
 
 }  // namespace db

@@ -9,5 +9,6 @@
 #include "db/db_object.h"
 #include "db/elem_cfg.h"
 #include "db/init.h"
+#include "db/ipc.h"
 
 #endif  // DB_INTF_INCLUDE_DB_DB_H_

@@ -5,8 +5,11 @@
 //
 // Usual order: construct, declare fields (AppendScalarAttribute,
 // AppendCompositeAttribute) and indexes (DeclareTableIndex), CreateObjTables,
-// then record operations. Every operation returns a ResultCode; nothing throws
-// except the constructor's two std::invalid_argument errors.
+// then record operations. Every operation returns a ResultCode. The library
+// throws only the constructor's two std::invalid_argument errors, but a stored
+// value that does not convert lets the std::invalid_argument / std::out_of_range
+// of the conversion pass to the caller: a SQLite column holding foreign text
+// (record reads), a damaged LevelDB value (filtered queries, AddScalarField).
 //
 // Threads: the id allocator and the set of database names seen are process-wide
 // and unguarded; use all objects of a process from one thread at a time.

@@ -134,15 +134,19 @@ Attribute& Attribute::operator=(int32_t v) {
 
 // GCC 12 at -O3 reports a false maybe-uninitialized inside boost::variant's
 // assignment of a float (through its temporary copy); the value is always
-// initialised.
+// initialised. Clang has no such warning and rejects the unknown name.
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 Attribute& Attribute::operator=(float v) {
   value_ = v;
   is_set_ = true;
   return *this;
 }
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
 
 Attribute& Attribute::operator=(const std::string& v) {
   value_ = v;

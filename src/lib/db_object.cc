@@ -163,18 +163,18 @@ int DbObject::ResynchronizeDb(bool first_object) {
   if (rc != kOk || ids.empty()) return kOk;
 
   IdGenerator& generator = IdGenerator::GetInstance();
-  std::set<uint32_t>& free_ids = generator.free_ids();
   const uint32_t max_id = *std::max_element(ids.begin(), ids.end());
   if (generator.last_id() < max_id) {
     // Every id below the largest stored one is free unless stored; the first
     // object of a process counts from 1, later ones from what was handed out.
+    // The gap is one range, however large the largest id.
     const uint32_t start = first_object ? 1 : generator.last_id() + 1;
     generator.set_last_id(max_id);
-    for (uint32_t id = start; id < max_id; ++id) free_ids.insert(id);
+    generator.ReleaseRange(start, max_id - 1);
   }
-  for (uint32_t id : ids) free_ids.erase(id);
+  for (uint32_t id : ids) generator.Take(id);
   return static_cast<int>(static_cast<int64_t>(generator.last_id()) -
-                          static_cast<int64_t>(free_ids.size()));
+                          static_cast<int64_t>(generator.free_count()));
 }
 
 bool DbObject::IsConnected() const { return db_api_ != nullptr && db_api_->IsConnected(); }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -130,9 +131,22 @@ void PrintRecord(ELEM_CMD_CONTEXT_ST* ctx, const DbObject& object, uint32_t id,
   }
 }
 
-}  // namespace
+// Runs one command; an exception from the object operations (a stored value
+// that does not convert, or memory) becomes one error line, since unwinding
+// into the C shell would end the process.
+template <class Command>
+int Guarded(ELEM_CMD_CONTEXT_ST* ctx, Command command) {
+  try {
+    return command();
+  } catch (const std::exception& e) {
+    ElemCmdPrintf(ctx, ErrorMgs::kReadFailed, e.what());
+  } catch (...) {
+    ElemCmdPrintf(ctx, ErrorMgs::kReadFailed, "unknown exception");
+  }
+  return 0;
+}
 
-int DumpObjectToElem(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
+int Dump(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
   const DbObject& object = *static_cast<const DbObject*>(user);
   int32_t start = 0;
   int32_t num = kAll;
@@ -171,18 +185,26 @@ int DumpObjectToElem(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user
   ElemCmdPrintf(ctx, "Dumping %s information\n\n", table.c_str());
   StartRecordTable(ctx, object, table + " Internal Information");
   std::sort(ids.begin(), ids.end());
+  std::string unreadable;
   for (uint32_t id : ids) {
     ScalarFields scalar;
     CompositeFields composite;
-    // Ids without a record are skipped: a range may well have gaps.
-    if (object.RetrieveObject(id, &scalar, &composite) != 0) continue;
+    try {
+      // Ids without a record are skipped: a range may well have gaps.
+      if (object.RetrieveObject(id, &scalar, &composite) != 0) continue;
+    } catch (const std::exception& e) {
+      // One damaged record does not hide the others; the first is reported.
+      if (unreadable.empty()) unreadable = "id=" + std::to_string(id) + ": " + e.what();
+      continue;
+    }
     PrintRecord(ctx, object, id, scalar, composite);
   }
   ElemCmdEndTable(ctx);
+  if (!unreadable.empty()) ElemCmdPrintf(ctx, ErrorMgs::kReadFailed, unreadable.c_str());
   return 0;
 }
 
-int GetDbSizeToElem(ELEM_CMD_CONTEXT_ST* ctx, int, char**, void* user) {
+int GetSize(ELEM_CMD_CONTEXT_ST* ctx, void* user) {
   const DbObject& object = *static_cast<const DbObject*>(user);
   const std::string table = object.name();
   int size = -1;
@@ -197,7 +219,7 @@ int GetDbSizeToElem(ELEM_CMD_CONTEXT_ST* ctx, int, char**, void* user) {
   return 0;
 }
 
-int RetrieveRecordObjectToElem(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
+int RetrieveRecord(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
   const DbObject& object = *static_cast<const DbObject*>(user);
   int32_t start = 0;
   int32_t num = kAll;
@@ -229,7 +251,7 @@ int RetrieveRecordObjectToElem(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, 
   return 0;
 }
 
-int RetrieveRecordsObjectToElem(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
+int RetrieveRecords(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
   const DbObject& object = *static_cast<const DbObject*>(user);
   if (argc < 1) {
     PrintUsage(ctx);
@@ -261,6 +283,24 @@ int RetrieveRecordsObjectToElem(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv,
   }
   ElemCmdEndTable(ctx);
   return 0;
+}
+
+}  // namespace
+
+int DumpObjectToElem(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
+  return Guarded(ctx, [&] { return Dump(ctx, argc, argv, user); });
+}
+
+int GetDbSizeToElem(ELEM_CMD_CONTEXT_ST* ctx, int, char**, void* user) {
+  return Guarded(ctx, [&] { return GetSize(ctx, user); });
+}
+
+int RetrieveRecordObjectToElem(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
+  return Guarded(ctx, [&] { return RetrieveRecord(ctx, argc, argv, user); });
+}
+
+int RetrieveRecordsObjectToElem(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
+  return Guarded(ctx, [&] { return RetrieveRecords(ctx, argc, argv, user); });
 }
 
 }  // namespace ElemCallbacks

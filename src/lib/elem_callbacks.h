@@ -8,7 +8,8 @@
 //
 // Every callback has the shell's signature, takes the DbObject as `user`,
 // writes only through the shell's output calls and returns 0; user errors are
-// answered with one of the ErrorMgs texts.
+// answered with one of the ErrorMgs texts. No exception leaves a callback (the
+// shell is C): one from the object operations is answered with kReadFailed.
 
 #ifndef DB_INTF_SRC_LIB_ELEM_CALLBACKS_H_
 #define DB_INTF_SRC_LIB_ELEM_CALLBACKS_H_
@@ -22,6 +23,8 @@ namespace ErrorMgs {
 constexpr char kInvalidId[] = "\nERROR! Invalid id=%d\n";
 constexpr char kEntryNotFound[] = "\nERROR! Entry not found.\n";
 constexpr char kDatabaseNotAvailable[] = "\nERROR! Database not available.\n";
+// A stored value that does not convert, with the conversion's text.
+constexpr char kReadFailed[] = "\nERROR! Could not read the table: %s\n";
 // The capital K is the name operators' scripts and older callers know.
 constexpr char KInvalidArgs[] =
     "\nERROR! Invalid arguments.\nUsage: <cmd> start-id [num-entries]\n"

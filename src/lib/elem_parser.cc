@@ -13,6 +13,7 @@
 #include <stdexcept>
 
 #include "db/db_object.h"
+#include "float_text.h"
 #include "limid.h"
 #include "nettypes.h"
 
@@ -21,9 +22,10 @@ namespace db {
 namespace {
 
 // Operators read the parser's complaints next to the shell's output, so the
-// lines name the source the way our log lines do, and the three lines that
-// tools on the element grep for keep the line numbers they have always had.
-constexpr char kSourceName[] = "src/lib/elem_parser";
+// lines name the source file as the build names it, extension included, the
+// way our log lines do; and the three lines that tools on the element grep
+// for keep the line numbers they have always had.
+constexpr char kSourceName[] = __FILE__;
 constexpr int kLineInvalidPrintFormat = 327;
 constexpr int kLineInvalidArgv = 398;
 constexpr int kLineInvalidOpt = 414;
@@ -274,7 +276,7 @@ bool ElemParser::FromDefault(Attribute& value, const std::string& text) {
       value = text;
       return true;
     case kFloat:
-      value = std::stof(text);
+      value = TextToFloat(text);
       return true;
     case kBytes:
       // Bytes are shown in hexadecimal by default.
@@ -397,7 +399,7 @@ bool ElemParser::FromUnsigned(Attribute& value, const std::string& text) {
       Store(value, text);
       return true;
     case kFloat:
-      value = std::stof(text);
+      value = TextToFloat(text);
       return true;
   }
   return false;

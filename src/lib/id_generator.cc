@@ -1,5 +1,8 @@
 #include "id_generator.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace db {
 
 IdGenerator& IdGenerator::GetInstance() {
@@ -8,10 +11,9 @@ IdGenerator& IdGenerator::GetInstance() {
 }
 
 uint32_t IdGenerator::Next() {
-  if (!free_ids_.empty()) {
-    auto smallest = free_ids_.begin();
-    uint32_t id = *smallest;
-    free_ids_.erase(smallest);
+  if (!free_ranges_.empty()) {
+    const uint32_t id = free_ranges_.begin()->first;
+    Take(id);
     return id;
   }
   // Plain unsigned increment: after 4294967295 the counter wraps to 0. Ids of
@@ -19,6 +21,42 @@ uint32_t IdGenerator::Next() {
   return ++last_id_;
 }
 
-void IdGenerator::Release(uint32_t id) { free_ids_.insert(id); }
+void IdGenerator::ReleaseRange(uint32_t first, uint32_t last) {
+  if (first > last) return;
+  // 64 bits, so that a range ending at 4294967295 has a successor to compare.
+  uint64_t low = first;
+  uint64_t high = last;
+  // Every range that overlaps or touches [first, last] merges into it.
+  auto it = free_ranges_.upper_bound(first);
+  if (it != free_ranges_.begin() && uint64_t{std::prev(it)->second} + 1 >= low) --it;
+  while (it != free_ranges_.end() && it->first <= high + 1) {
+    low = std::min<uint64_t>(low, it->first);
+    high = std::max<uint64_t>(high, it->second);
+    free_count_ -= uint64_t{it->second} - it->first + 1;
+    it = free_ranges_.erase(it);
+  }
+  free_ranges_.emplace_hint(it, static_cast<uint32_t>(low), static_cast<uint32_t>(high));
+  free_count_ += high - low + 1;
+}
+
+bool IdGenerator::Take(uint32_t id) {
+  auto it = free_ranges_.upper_bound(id);
+  if (it == free_ranges_.begin()) return false;
+  --it;
+  const uint32_t first = it->first;
+  const uint32_t last = it->second;
+  if (id > last) return false;
+  it = free_ranges_.erase(it);
+  if (id < last) it = free_ranges_.emplace_hint(it, id + 1, last);
+  if (first < id) free_ranges_.emplace_hint(it, first, id - 1);
+  --free_count_;
+  return true;
+}
+
+void IdGenerator::Reset() {
+  last_id_ = 0;
+  free_ranges_.clear();
+  free_count_ = 0;
+}
 
 }  // namespace db

@@ -28,8 +28,16 @@ void LeveldbAPI::Connect(const std::string& path) {
   if (handle == nullptr) return;  // The connector logged the open failure.
   db_ = handle;
   holds_use_ = true;
-  table_ = std::make_unique<LevelDbTable>(table_name_, path);
-  index_ = std::make_unique<LevelDbIndex>(table_name_, path);
+  try {
+    table_ = std::make_unique<LevelDbTable>(table_name_, path);
+    index_ = std::make_unique<LevelDbIndex>(table_name_, path);
+  } catch (...) {
+    // A damaged schema record lets its conversion error out of the loading.
+    // The use goes back first: otherwise no later release could close the
+    // database, and its lock would stay taken for the life of the process.
+    Disconnect();
+    throw;
+  }
 }
 
 bool LeveldbAPI::Disconnect() {
@@ -162,10 +170,11 @@ int LeveldbAPI::AddScalarField(const std::string& name, const Attribute& value) 
     try {
       serializer_.AddScalarField(record, name, schema);
     } catch (const std::exception& e) {
-      // Nothing is written: the table stays as it was.
+      // Nothing is written: the table stays as it was. The conversion error
+      // is the caller's to handle, as the encoding lets it pass.
       DB_LOG_ERROR("ERROR: Corrupt record, key='%s', value='%s', exception='%s'", key.c_str(),
                    record.c_str(), e.what());
-      return kCorruption;
+      throw;
     }
     batch.Put(key, record);
   }

@@ -30,8 +30,11 @@ int LeveldbAPI::RetrieveRecords(std::vector<uint32_t>* ids, const ScalarFields& 
   ids->clear();
   if (!CheckTableExistence()) return kFailure;
 
+  // Unset elements impose nothing; a repeated field left without elements is
+  // no condition at all, as on SQLite.
+  const CompositeFields wanted = SetElementsOf(composite_filter);
   std::list<uint32_t> found;
-  if (scalar_filter.empty() && composite_filter.empty()) {
+  if (scalar_filter.empty() && wanted.empty()) {
     const int r = RetrieveAllIds(found, table_name_);
     if (r != kOk) {
       DB_LOG_ERROR("ERROR: Failed to retrieve database ids, table='%s'", table_name_.c_str());
@@ -45,17 +48,11 @@ int LeveldbAPI::RetrieveRecords(std::vector<uint32_t>* ids, const ScalarFields& 
     if (!IsValidSchemaForRetrieveRecords(scalar_filter)) return kFailure;
     // A composite filter that does not fit the schema matches no record: the
     // answer is an empty result and success, not an error. Intended.
-    if (!table_->IsValidCompositeSchema(composite_filter)) return kOk;
+    if (!table_->IsValidCompositeSchema(wanted)) return kOk;
     ScalarFields filter = scalar_filter;
     CompleteScalarSchema(filter);
     int r = RetrieveIds(found, table_name_, filter);
-    if (r == kOk) {
-      CompositeFields wanted;
-      for (const auto& field : composite_filter) {
-        if (!field.second.second.empty()) wanted.insert(field);
-      }
-      if (!wanted.empty()) r = RetrieveCompositeIds(found, table_name_, wanted);
-    }
+    if (r == kOk && !wanted.empty()) r = RetrieveCompositeIds(found, table_name_, wanted);
     if (r != kOk) {
       DB_LOG_ERROR("ERROR: Failed to retrieve database ids, table='%s'", table_name_.c_str());
       return r;
@@ -114,9 +111,10 @@ int LeveldbAPI::RetrieveIdsFromDatabase(std::list<uint32_t>& ids, const std::str
     try {
       if (serializer_.ScalarIsPresent(filter, value)) ids.push_back(id);
     } catch (const std::exception& e) {
+      // Logged here; the conversion error of a damaged value is the caller's.
       DB_LOG_ERROR("ERROR: Corrupt record, key='%s', value='%s', exception='%s'", key.c_str(),
                    value.c_str(), e.what());
-      return kCorruption;
+      throw;
     }
   }
   const leveldb::Status status = it->status();
@@ -162,7 +160,7 @@ int LeveldbAPI::FilterIdsOnDatabase(const std::string& table, const ScalarFields
     } catch (const std::exception& e) {
       DB_LOG_ERROR("ERROR: Corrupt record, key='%s', value='%s', exception='%s'",
                    Serializer::ScalarKey(table, *id).c_str(), value.c_str(), e.what());
-      return kCorruption;
+      throw;
     }
     id = present ? std::next(id) : ids.erase(id);
   }
@@ -186,7 +184,7 @@ int LeveldbAPI::RetrieveCompositeIds(std::list<uint32_t>& ids, const std::string
         const std::string key = LevelDbTable::BuildCompositeKey(table, *id, field.first);
         DB_LOG_ERROR("ERROR: Corrupt record, key='%s', value='%s', exception='%s'", key.c_str(),
                      value.c_str(), e.what());
-        return kCorruption;
+        throw;
       }
       if (!keep) break;
     }

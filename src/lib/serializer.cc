@@ -14,6 +14,7 @@
 
 #include <leveldb/write_batch.h>
 
+#include "float_text.h"
 #include "leveldb_table.h"
 #include "logger.h"
 
@@ -195,7 +196,7 @@ bool ParseValue(AttributeType type, const std::string& text, Attribute& attr) {
       attr = text;
       return true;
     case kFloat:
-      attr = std::stof(text);
+      attr = TextToFloat(text);
       return true;
     case kBytes:
       // Bytes are stored as they are; copy them one for one.

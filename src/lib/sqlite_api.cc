@@ -6,7 +6,9 @@
 #include <cstdlib>
 #include <exception>
 #include <sstream>
+#include <unordered_set>
 
+#include "float_text.h"
 #include "logger.h"
 
 namespace db {
@@ -44,7 +46,7 @@ void AssignFromText(Attribute* attribute, const std::string& text) {
       *attribute = static_cast<int32_t>(std::stoi(text));
       break;
     case kFloat:
-      *attribute = std::stof(text);
+      *attribute = TextToFloat(text);
       break;
     case kString:
       *attribute = text;
@@ -80,20 +82,6 @@ ScalarFields SetScalars(const ScalarFields& scalar) {
   ScalarFields result;
   for (const auto& [name, attribute] : scalar) {
     if (attribute.is_set()) result.emplace(name, attribute);
-  }
-  return result;
-}
-
-// The set elements of every repeated field of a filter; a field without a set
-// element imposes nothing and is left out.
-CompositeFields SetComposites(const CompositeFields& composite) {
-  CompositeFields result;
-  for (const auto& [name, field] : composite) {
-    std::vector<Attribute> elements;
-    for (const Attribute& element : field.second) {
-      if (element.is_set()) elements.push_back(element);
-    }
-    if (!elements.empty()) result.emplace(name, CompositeField(field.first, std::move(elements)));
   }
   return result;
 }
@@ -141,9 +129,8 @@ int CallbackExistObject(void* context, int, char**, char**) {
 
 int CallbackSelectMultiple(void* context, int argc, char** values, char**) {
   if (argc < 1 || values[0] == nullptr) return 0;
-  auto* ids = static_cast<std::vector<uint32_t>*>(context);
-  const auto id = static_cast<uint32_t>(std::strtoul(values[0], nullptr, 10));
-  if (std::find(ids->begin(), ids->end(), id) == ids->end()) ids->push_back(id);
+  static_cast<std::vector<uint32_t>*>(context)->push_back(
+      static_cast<uint32_t>(std::strtoul(values[0], nullptr, 10)));
   return 0;
 }
 
@@ -650,7 +637,7 @@ int SqliteAPI::RetrieveRecords(std::vector<uint32_t>* ids, const ScalarFields& s
   // Only set attributes restrict: unset scalars and unset elements are left
   // out before the statement is built.
   const ScalarFields scalar = SetScalars(scalar_filter);
-  const CompositeFields composite = SetComposites(composite_filter);
+  const CompositeFields composite = SetElementsOf(composite_filter);
   ids->clear();
   std::string query;
   query.reserve(8192);
@@ -682,7 +669,18 @@ int SqliteAPI::RetrieveRecords(std::vector<uint32_t>* ids, const ScalarFields& s
         GenerateCompositeFieldValuesQuery(qualified_composite));
     query.append(");");
   }
-  return ExecuteQuery(query, CallbackSelectMultiple, ids);
+  const int rc = ExecuteQuery(query, CallbackSelectMultiple, ids);
+  // The join yields one row per matching element: each id is kept once, in
+  // the order first seen. One pass, so that reading every id of a large table
+  // (as resynchronisation does) stays linear.
+  std::unordered_set<uint32_t> seen;
+  seen.reserve(ids->size());
+  size_t kept = 0;
+  for (const uint32_t id : *ids) {
+    if (seen.insert(id).second) (*ids)[kept++] = id;
+  }
+  ids->resize(kept);
+  return rc;
 }
 
 int SqliteAPI::PrintDatabase(const CompositeFields& composite_schema,

@@ -49,8 +49,8 @@ int CallbackPrint(void* context, int argc, char** values, char** names);
 int CallbackSize(void* context, int argc, char** values, char** names);
 // `context` is a bool*: set to true by any row.
 int CallbackExistObject(void* context, int argc, char** values, char** names);
-// `context` is a std::vector<uint32_t>*: appends the first column as an id,
-// unless the id is already there (first-seen order, each id once).
+// `context` is a std::vector<uint32_t>*: appends the first column as an id
+// (RetrieveRecords then keeps each id once, in first-seen order).
 int CallbackSelectMultiple(void* context, int argc, char** values, char** names);
 // `context` is a ScalarFields* holding the scalar schema: every non-null
 // column named like a key is decoded, converted by the kind of the Attribute

@@ -9,6 +9,7 @@ trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
 
 "$cmake" --install "$build" --prefix "$prefix" >/dev/null
+for program in ipc-router ipc-status; do [ -x "$prefix/bin/$program" ]; done
 
 "$cmake" -S "$src" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 "$cmake" --build "$work/cmake-build" >/dev/null

@@ -19,5 +19,6 @@ int main(int argc, char** argv) {
   if (object.RetrieveObject(id, &scalar, &composite) != 0) return 1;
   std::printf("%s\n", object.ToStringSummarized().c_str());
   qelmw_destroy(mw);
+  if (ipc_self(nullptr) != 0) return 1;  // the messaging interface is exported too
   return scalar["name"].ToString() == "consumer" ? 0 : 1;
 }

@@ -1,6 +1,10 @@
 #include "support/test_util.h"
 
+#include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -8,6 +12,7 @@
 #include <stdexcept>
 
 #include "db/init.h"
+#include "id_generator.h"
 #include "qelmw.h"
 #include "zlog.h"
 
@@ -89,6 +94,30 @@ std::vector<std::string> ProgramCommand(const std::string& program) {
   for (std::string word; words >> word;) argv.push_back(word);
   argv.push_back(program);
   return argv;
+}
+
+pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd) {
+  std::vector<std::string> args = argv;
+  std::vector<char*> pointers;
+  for (std::string& arg : args) pointers.push_back(arg.data());
+  pointers.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid != 0) return pid;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives the test, even one that dies
+  const int null_fd = open("/dev/null", O_RDONLY);
+  dup2(null_fd, 0);
+  dup2(out_fd, 1);
+  dup2(err_fd, 2);
+  execvp(pointers[0], pointers.data());
+  _exit(127);
+}
+
+std::set<uint32_t> FreeIds() {
+  std::set<uint32_t> ids;
+  for (const auto& [first, last] : db::IdGenerator::GetInstance().free_ranges()) {
+    for (uint64_t id = first; id <= last; ++id) ids.insert(static_cast<uint32_t>(id));
+  }
+  return ids;
 }
 
 }  // namespace db_test

@@ -4,7 +4,11 @@
 #ifndef DB_INTF_TESTS_SUPPORT_TEST_UTIL_H_
 #define DB_INTF_TESTS_SUPPORT_TEST_UTIL_H_
 
+#include <sys/types.h>
+
+#include <cstdint>
 #include <cstdio>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -60,6 +64,15 @@ std::string ReadFile(const std::string& path);
 // $DB_INTF_TEST_EMULATOR (blank-separated; set by a cross build, where target
 // programs run under an emulator) followed by `program`.
 std::vector<std::string> ProgramCommand(const std::string& program);
+
+// Starts `argv` (a ProgramCommand plus arguments) with standard input from
+// /dev/null and standard output and error on `out_fd` and `err_fd`; returns
+// its process id (the caller waits for it). The program is killed when the
+// calling process dies.
+pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd);
+
+// The free ids of the process-wide allocator, one by one (small tests only).
+std::set<uint32_t> FreeIds();
 
 }  // namespace db_test
 

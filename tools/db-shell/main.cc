@@ -112,6 +112,24 @@ int ParseArguments(int argc, char** argv, Options* options) {
   return -1;
 }
 
+// `text` with every byte outside printable ASCII written as \xNN: messages
+// quote stored records, and a damaged one may hold NUL or control bytes that
+// would cut or garble the line.
+std::string Printable(const std::string& text) {
+  std::string out;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte < 0x7F) {
+      out += c;
+    } else {
+      char escaped[5];
+      snprintf(escaped, sizeof(escaped), "\\x%02X", byte);
+      out += escaped;
+    }
+  }
+  return out;
+}
+
 // ---- Library log lines: to standard error, informational ones only on -v.
 
 bool g_verbose_log = false;
@@ -123,7 +141,8 @@ void EmitLogLine(const std::string& line) {
     const size_t blank = line.find(' ');
     if (blank != std::string::npos && atoi(line.c_str() + blank + 1) <= kInfoLogLevel) return;
   }
-  fwrite(line.data(), 1, line.size(), stderr);
+  const std::string text = Printable(line.substr(0, line.size() - 1)) + "\n";
+  fwrite(text.data(), 1, text.size(), stderr);
 }
 
 ssize_t LogWrite(void* /*cookie*/, const char* data, size_t size) {
@@ -234,11 +253,11 @@ int main(int argc, char** argv) {
                                             : db_shell::DiscoverLevelDb(options.path);
   int status = kExitOk;
   if (!discovery.error.empty()) {
-    fprintf(stderr, "db-shell: %s\n", discovery.error.c_str());
+    fprintf(stderr, "db-shell: %s\n", Printable(discovery.error).c_str());
     status = kExitCannotOpen;
   } else {
     for (const std::string& warning : discovery.warnings) {
-      fprintf(stderr, "db-shell: %s\n", warning.c_str());
+      fprintf(stderr, "db-shell: %s\n", Printable(warning).c_str());
     }
     if (discovery.tables.empty()) {
       fprintf(stderr, "db-shell: %s: no tables found\n", options.path.c_str());

@@ -68,13 +68,25 @@ std::vector<std::string> SplitWords(const std::string& line) {
 }
 
 bool HasNamelessFilterGroup(const std::vector<std::string>& args) {
-  // The option scanner may take the filter from the word after "-c" or from
-  // the rest of a word "-c...", and clustered options move it further; so
-  // every word and every option word without its first two characters is
-  // checked.
-  for (const std::string& arg : args) {
-    if (TextHasNamelessGroup(arg)) return true;
-    if (arg.size() > 2 && arg[0] == '-' && TextHasNamelessGroup(arg.substr(2))) return true;
+  // Finds the texts that the option scanner hands to -c: options may be
+  // clustered behind one "-" ("-xc=[1]" is -x, then -c with "=[1]"), an
+  // option takes the rest of its word or else the next word, and "--" ends
+  // the options.
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    if (arg == "--") return false;
+    if (arg.size() < 2 || arg[0] != '-') continue;
+    for (size_t k = 1; k < arg.size(); ++k) {
+      if (arg[k] != 's' && arg[k] != 'c') continue;
+      std::string value;
+      if (k + 1 < arg.size()) {
+        value = arg.substr(k + 1);
+      } else if (i + 1 < args.size()) {
+        value = args[++i];
+      }
+      if (arg[k] == 'c' && TextHasNamelessGroup(value)) return true;
+      break;
+    }
   }
   return false;
 }
@@ -154,6 +166,10 @@ Shell::Outcome Shell::Execute(const std::string& line, FILE* out) {
   } catch (const std::exception& e) {
     fflush(out);
     fprintf(stderr, "db-shell: command failed: %s\n", e.what());
+    return Outcome::kRefused;
+  } catch (...) {
+    fflush(out);
+    fprintf(stderr, "db-shell: command failed\n");
     return Outcome::kRefused;
   }
   if (rc != 0) {

@@ -21,8 +21,8 @@ std::vector<std::string> SplitWords(const std::string& line);
 
 // True when a "Retrieve Records" argument would make the filter parser spin
 // forever: a complete repeated-field group name=[...] whose name holds no
-// letter or digit (for example "=[1]"). Such lines are refused before they
-// reach the command.
+// letter or digit (for example "-c =[1]", or "-xc=[1]" with the options
+// clustered). Such lines are refused before they reach the command.
 bool HasNamelessFilterGroup(const std::vector<std::string>& args);
 
 class Shell {

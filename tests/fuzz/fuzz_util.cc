@@ -1,0 +1,107 @@
+#include "fuzz_util.h"
+
+#include <stdlib.h>
+
+#include <filesystem>
+
+#include "db/init.h"
+#include "qelmw.h"
+#include "zlog.h"
+
+namespace db_fuzz {
+
+namespace {
+
+db::Attribute Value(const db::AttributeValue& v) {
+  db::Attribute a;
+  a.set_value(v);
+  return a;
+}
+
+std::vector<uint8_t> Bytes(std::initializer_list<int> bytes) {
+  return std::vector<uint8_t>(bytes.begin(), bytes.end());
+}
+
+}  // namespace
+
+const std::string& Scratch() {
+  static const std::string dir = [] {
+    static qelmw_t* middleware = qelmw_create("db-intf-fuzz");
+    db::Init(middleware);
+    zlog_set_output(Sink());
+    std::string pattern = std::filesystem::temp_directory_path().string() + "/db-intf-fuzz-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) abort();
+    static std::string removed_at_exit = pattern;
+    atexit([] { std::filesystem::remove_all(removed_at_exit); });
+    return pattern;
+  }();
+  return dir;
+}
+
+FILE* Sink() {
+  static FILE* sink = fopen("/dev/null", "w");
+  return sink;
+}
+
+std::vector<std::string> Split(const uint8_t* data, size_t size, char separator) {
+  std::vector<std::string> parts(1);
+  for (size_t i = 0; i < size; ++i) {
+    if (static_cast<char>(data[i]) == separator) {
+      parts.emplace_back();
+    } else {
+      parts.back().push_back(static_cast<char>(data[i]));
+    }
+  }
+  return parts;
+}
+
+std::unique_ptr<db::DbObject> PopulatedTable(db::DbType type, const std::string& path,
+                                             const std::string& table) {
+  Scratch();
+  auto object = std::make_unique<db::DbObject>(path, table, false, type);
+  const struct {
+    const char* name;
+    db::AttributeType type;
+    db::PrintFormat format;
+  } fields[] = {{"num", db::kInteger, db::kDefault},     {"hex", db::kInteger, db::kHex},
+                {"uns", db::kInteger, db::kUnsigned},    {"name", db::kString, db::kDefault},
+                {"ratio", db::kFloat, db::kDefault},     {"ip", db::kBytes, db::kIpAddress},
+                {"alt", db::kBytes, db::kIpAddressAlt1}, {"pfx", db::kBytes, db::kIpPrefixLen},
+                {"mac", db::kBytes, db::kMac},           {"smac", db::kString, db::kMac},
+                {"lim", db::kBytes, db::kLimId},         {"raw", db::kBytes, db::kHex}};
+  for (const auto& f : fields)
+    object->AppendScalarAttribute(f.name, db::Attribute(f.type), f.format);
+  object->AppendCompositeAttribute("vlans", db::Attribute(db::kInteger), db::kDefault);
+  object->AppendCompositeAttribute("tags", db::Attribute(db::kString), db::kDefault);
+  if (type == db::kLevelDb) object->DeclareTableIndex("by_num", {"num", "name"});
+  object->CreateObjTables();
+  for (int i = 1; i <= 5; ++i) {
+    object->ClearObject();
+    db::ScalarFields& s = object->scalar_fields();
+    s["num"] = i * 10;
+    s["hex"] = 0xA0 + i;
+    s["uns"] = -i;
+    s["name"] = "port " + std::to_string(i);
+    s["ratio"] = static_cast<float>(i) / 2;
+    s["ip"] = Bytes({10, 0, 0, i});
+    s["alt"] = Bytes({0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, i});
+    s["pfx"] = Bytes({10, 0, i, 0, 255, 255, 255, 0});
+    s["mac"] = Bytes({2, 0, 0x5e, 0, 0, i});
+    s["smac"] = "aa:bb:cc:dd:ee:0" + std::to_string(i);
+    s["lim"] = Bytes({1, 1, 0, i});
+    s["raw"] = Bytes({0, 0xFF, i});
+    object->composite_fields()["vlans"].second = {Value(i), Value(100 + i)};
+    object->composite_fields()["tags"].second = {Value(std::string("t") + std::to_string(i))};
+    uint32_t id = 0;
+    object->StoreObject(&id);
+  }
+  return object;
+}
+
+void Require(bool ok, const char* what) {
+  if (ok) return;
+  fprintf(stderr, "property broken: %s\n", what);
+  abort();
+}
+
+}  // namespace db_fuzz

@@ -1,0 +1,34 @@
+// libFuzzer target: the messaging frame parser, fed a byte stream the way the
+// router meets a client's (or a peer router's) socket.
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "ipc_frame.h"
+
+using db::ipc::FrameHeader;
+using db::ipc::ParseResult;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  db::ipc::ValidFindName(reinterpret_cast<const char*>(data), size);
+  size_t pos = 0;
+  FrameHeader h;
+  while (db::ipc::ParseFrame(data + pos, size - pos, &h) == ParseResult::kFrame) {
+    // A frame lies inside the input, keeps its command's limit, and encodes
+    // back to the very header bytes it was read from.
+    const size_t len = db::ipc::kFrameHeaderSize + h.size;
+    uint8_t again[db::ipc::kFrameHeaderSize];
+    db::ipc::EncodeFrameHeader(h, again);
+    if (len > size - pos || h.size > db::ipc::MaxPayload(h.command) ||
+        memcmp(again, data + pos, sizeof(again)) != 0) {
+      abort();
+    }
+    // Every shorter prefix of it is a valid beginning, never malformed.
+    for (size_t cut : {size_t{0}, size_t{1}, size_t{7}, db::ipc::kFrameHeaderSize, len - 1}) {
+      if (cut < len && db::ipc::ParseFrame(data + pos, cut, &h) != ParseResult::kNeedMore) abort();
+    }
+    pos += len;
+  }
+  return 0;
+}
