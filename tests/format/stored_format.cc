@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "db/db_object.h"
+#include "support/leveldb_util.h"
 #include "support/test_util.h"
 
 extern char** environ;
@@ -29,6 +30,7 @@ extern char** environ;
 namespace {
 
 using db::Attribute;
+using db_test::Set;
 using Bytes = std::vector<uint8_t>;
 using namespace std::string_literals;
 
@@ -39,13 +41,6 @@ void Check(bool ok, const std::string& what) {
     ++failures;
     fprintf(stderr, "stored-format: FAILED %s\n", what.c_str());
   }
-}
-
-template <class T>
-Attribute Set(const T& v) {
-  Attribute a;
-  a = v;
-  return a;
 }
 
 // One record: scalar fields mac, name, ratio, speed (name order) and repeated
