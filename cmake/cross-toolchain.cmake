@@ -43,6 +43,6 @@ set(CMAKE_MODULE_LINKER_FLAGS_INIT "${CMAKE_EXE_LINKER_FLAGS_INIT}")
 # The kernel here cannot start target programs (no binfmt registration), so
 # tests, test discovery and every program a test starts run through
 # scripts/target-run, which puts qemu in between (see that script).
-set(CMAKE_CROSSCOMPILING_EMULATOR
-    "${CMAKE_CURRENT_LIST_DIR}/../scripts/target-run;${DB_INTF_CROSS_QEMU}"
+get_filename_component(DB_INTF_CROSS_RUN "${CMAKE_CURRENT_LIST_DIR}/../scripts/target-run" ABSOLUTE)
+set(CMAKE_CROSSCOMPILING_EMULATOR "${DB_INTF_CROSS_RUN};${DB_INTF_CROSS_QEMU}"
     "-L;/usr/${DB_INTF_CROSS_TRIPLET};-E;LD_LIBRARY_PATH=${DB_INTF_CROSS_PREFIX}/lib;--")
