@@ -15,9 +15,10 @@ namespace db {
 namespace {
 
 // Every database name for which an object was constructed in this process.
+// Never destroyed, so that objects may be built until the process ends.
 std::set<std::string>& SeenDatabases() {
-  static std::set<std::string> seen_databases;
-  return seen_databases;
+  static std::set<std::string>* const seen_databases = new std::set<std::string>();
+  return *seen_databases;
 }
 
 }  // namespace
