@@ -3,7 +3,17 @@
 //   Exec      sqlite3_exec of exactly the statement texts the library runs;
 //   Prepared  prepared statements with bound values, one transaction per
 //             operation and no existence check: what SQLite can do at best.
-// Names: Sqlite{Mem,File}/<Operation>/{Lib,Exec,Prepared}.
+// Names: Sqlite{Mem,File}/<Operation>/{Lib,Exec,Prepared}. The raw connection
+// to a file uses the library's durability settings (write-ahead log,
+// synchronous=NORMAL).
+//
+// SqliteFile/{Store,Update,Delete}/Rollback: the library's own operations on
+// a file kept in the rollback journal with full syncs, as files were before
+// the library switched them to the write-ahead log.
+//
+// Scaling/Sqlite{Mem,File}/{Retrieve,Update,Delete}/{Lib,NoIndex}/N: one
+// record's operation in a table of N records, with the side table's owner
+// index (Lib) and without it (NoIndex, as in databases written before it).
 //
 // Records are preloaded with the library's own statement texts inside one
 // transaction (ids taken from the library's allocator), so that a file
@@ -16,6 +26,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -238,9 +249,31 @@ struct PreparedTable {
   }
 };
 
-// One SQLite database (shared in-memory or a file), the library's objects on
-// it and one raw connection.
+// The databases of the benchmarks.
+enum class Db {
+  kMem,       // shared in-memory
+  kFile,      // a file as the library keeps it: write-ahead log
+  kRollback,  // a file kept in the rollback journal with full syncs
+};
+
+// A DbObject whose connection puts its file back into the rollback journal
+// with full syncs, SQLite's defaults.
+class RollbackJournalObject : public db::DbObject {
+ public:
+  RollbackJournalObject(const std::string& file, const std::string& table)
+      : DbObject(Open(file, table), file) {}
+
+ private:
+  static std::unique_ptr<db::DatabaseAPI> Open(const std::string& file, const std::string& table) {
+    auto api = std::make_unique<db::SqliteAPI>(file, table, false);
+    Exec(api->handle(), "PRAGMA journal_mode=DELETE; PRAGMA synchronous=FULL;");
+    return api;
+  }
+};
+
+// One SQLite database, the library's objects on it and one raw connection.
 struct SqliteSetup {
+  Db kind;
   bool in_memory;
   ScratchDir dir;
   std::string name;
@@ -249,7 +282,7 @@ struct SqliteSetup {
   std::map<std::string, std::vector<uint32_t>> preloaded;
   std::map<std::string, uint32_t> raw_ids;
 
-  explicit SqliteSetup(bool memory) : in_memory(memory) {
+  explicit SqliteSetup(Db db) : kind(db), in_memory(db == Db::kMem) {
     InitLibraryQuietly();
     CheckTextsMatchLibrary();
     static int databases = 0;
@@ -266,7 +299,13 @@ struct SqliteSetup {
     }
     if (rc != SQLITE_OK) std::abort();
     sqlite3_busy_timeout(raw, 100);
+    // The raw side writes with the durability of the library's connections.
+    if (kind == Db::kFile) Exec(raw, "PRAGMA synchronous=NORMAL;");
   }
+
+  ~SqliteSetup() { sqlite3_close(raw); }
+  SqliteSetup(const SqliteSetup&) = delete;
+  SqliteSetup& operator=(const SqliteSetup&) = delete;
 
   // A new table of the record layout, created by the library; returns its
   // object.
@@ -274,10 +313,28 @@ struct SqliteSetup {
   db::DbObject* Table(const std::string& table) {
     std::unique_ptr<db::DbObject>& object = objects[table];
     if (object != nullptr) return object.get();
-    object = std::make_unique<db::DbObject>(name, table, in_memory, db::kSqlite);
+    if (kind == Db::kRollback) {
+      // Its connection switches the file to the write-ahead log as it opens
+      // and back at once; every other connection is idle meanwhile.
+      object = std::make_unique<RollbackJournalObject>(name, table);
+    } else {
+      object = std::make_unique<db::DbObject>(name, table, in_memory, db::kSqlite);
+    }
     DeclareRecordSchema(object.get());
     if (object->CreateObjTables() != db::kOk) std::abort();
+    if (raw != nullptr) CheckJournal();
     return object.get();
+  }
+
+  // Aborts unless the file is in the journal mode of its kind.
+  void CheckJournal() {
+    std::string mode;
+    Exec(raw, "PRAGMA journal_mode;", CopyRow, &mode);
+    const char* expected = kind == Db::kMem ? "memory" : kind == Db::kFile ? "wal" : "delete";
+    if (mode != expected) {
+      std::fprintf(stderr, "journal mode %s, expected %s\n", mode.c_str(), expected);
+      std::abort();
+    }
   }
 
   // Preload() once per table; later calls return the same ids.
@@ -307,12 +364,23 @@ struct SqliteSetup {
   }
 };
 
-SqliteSetup& Setup(bool in_memory) {
-  static SqliteSetup* memory = nullptr;
-  static SqliteSetup* file = nullptr;
-  SqliteSetup*& setup = in_memory ? memory : file;
-  if (setup == nullptr) setup = new SqliteSetup(in_memory);
-  return *setup;
+SqliteSetup& Setup(Db db) {
+  // Each is destroyed at exit, before the library's own statics, and removes
+  // its files.
+  switch (db) {
+    case Db::kMem: {
+      static SqliteSetup memory(Db::kMem);
+      return memory;
+    }
+    case Db::kFile: {
+      static SqliteSetup file(Db::kFile);
+      return file;
+    }
+    case Db::kRollback:
+      break;
+  }
+  static SqliteSetup rollback(Db::kRollback);
+  return rollback;
 }
 
 void CheckRc(benchmark::State& state, int rc) {
@@ -325,8 +393,8 @@ void CheckOk(benchmark::State& state, bool ok) {
 
 // ---- StoreObject: INSERT, then the repeated values in their own transaction.
 
-void StoreLib(benchmark::State& state, bool mem) {
-  db::DbObject* object = Setup(mem).Table("store_lib");
+void StoreLib(benchmark::State& state, Db db) {
+  db::DbObject* object = Setup(db).Table("store_lib");
   FillRecord(object, 7);
   for (auto _ : state) {
     uint32_t id = 0;
@@ -334,8 +402,8 @@ void StoreLib(benchmark::State& state, bool mem) {
   }
 }
 
-void StoreExec(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void StoreExec(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   setup.Table("store_exec");
   const RecordValues v = MakeRecordValues(7);
   for (auto _ : state) {
@@ -347,8 +415,8 @@ void StoreExec(benchmark::State& state, bool mem) {
   }
 }
 
-void StorePrepared(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void StorePrepared(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   setup.Table("store_prep");
   PreparedTable table(setup.raw, "store_prep");
   const RecordValues v = MakeRecordValues(7);
@@ -358,8 +426,8 @@ void StorePrepared(benchmark::State& state, bool mem) {
 // ---- RetrieveObject: existence SELECT, SELECT *, and the repeated values
 // inside a transaction.
 
-void RetrieveLib(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void RetrieveLib(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   db::DbObject* object = setup.Table("rd_lib");
   const std::vector<uint32_t>& ids = setup.PreloadOnce("rd_lib", kPreloaded);
   db::ScalarFields scalar;
@@ -374,8 +442,8 @@ const std::vector<uint32_t>& RawReadTable(SqliteSetup& setup) {
   return setup.PreloadOnce("rd_raw", kPreloaded);
 }
 
-void RetrieveExec(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void RetrieveExec(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   const std::vector<uint32_t>& ids = RawReadTable(setup);
   const std::string side = SideTable("rd_raw");
   std::string row;
@@ -393,8 +461,8 @@ void RetrieveExec(benchmark::State& state, bool mem) {
   }
 }
 
-void RetrievePrepared(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void RetrievePrepared(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   const std::vector<uint32_t>& ids = RawReadTable(setup);
   PreparedTable table(setup.raw, "rd_raw");
   std::string row;
@@ -405,8 +473,8 @@ void RetrievePrepared(benchmark::State& state, bool mem) {
 // ---- UpdateObject: UPDATE, delete of the repeated values in one
 // transaction, their insertion in another.
 
-void UpdateLib(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void UpdateLib(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   db::DbObject* object = setup.Table("upd_lib");
   const std::vector<uint32_t>& ids = setup.PreloadOnce("upd_lib", kPreloaded);
   FillRecord(object, 7);
@@ -414,8 +482,8 @@ void UpdateLib(benchmark::State& state, bool mem) {
   for (auto _ : state) CheckRc(state, object->UpdateObject(ids[i++ % ids.size()]));
 }
 
-void UpdateExec(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void UpdateExec(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   setup.Table("upd_exec");
   const std::vector<uint32_t>& ids = setup.PreloadOnce("upd_exec", kPreloaded);
   const RecordValues v = MakeRecordValues(7);
@@ -432,8 +500,8 @@ void UpdateExec(benchmark::State& state, bool mem) {
   }
 }
 
-void UpdatePrepared(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void UpdatePrepared(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   setup.Table("upd_prep");
   const std::vector<uint32_t>& ids = setup.PreloadOnce("upd_prep", kPreloaded);
   PreparedTable table(setup.raw, "upd_prep");
@@ -461,15 +529,15 @@ void DeleteLoop(benchmark::State& state, SqliteSetup& setup, const std::string& 
   }
 }
 
-void DeleteLib(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void DeleteLib(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   db::DbObject* object = setup.Table("del_lib");
   DeleteLoop(state, setup, "del_lib",
              [&](uint32_t id) { CheckRc(state, object->DeleteSingleObject(id)); });
 }
 
-void DeleteExec(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void DeleteExec(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   setup.Table("del_exec");
   DeleteLoop(state, setup, "del_exec", [&](uint32_t id) {
     Exec(setup.raw, "BEGIN TRANSACTION");
@@ -481,8 +549,8 @@ void DeleteExec(benchmark::State& state, bool mem) {
   });
 }
 
-void DeletePrepared(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void DeletePrepared(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   setup.Table("del_prep");
   PreparedTable table(setup.raw, "del_prep");
   DeleteLoop(state, setup, "del_prep", [&](uint32_t id) {
@@ -494,8 +562,8 @@ void DeletePrepared(benchmark::State& state, bool mem) {
 // ---- RetrieveObjects on one scalar field ("port", 1/kPortValues of the
 // records match).
 
-void QueryLib(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void QueryLib(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   db::DbObject* object = setup.Table("q_lib");
   setup.PreloadOnce("q_lib", kPreloaded);
   const db::ScalarFields filter = OneFieldFilter(kPortField, 3);
@@ -505,8 +573,8 @@ void QueryLib(benchmark::State& state, bool mem) {
   state.counters["matches"] = static_cast<double>(ids.size());
 }
 
-void QueryExec(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void QueryExec(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   RawReadTable(setup);
   std::vector<uint32_t> ids;
   for (auto _ : state) {
@@ -516,8 +584,8 @@ void QueryExec(benchmark::State& state, bool mem) {
   state.counters["matches"] = static_cast<double>(ids.size());
 }
 
-void QueryPrepared(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void QueryPrepared(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   RawReadTable(setup);
   PreparedTable table(setup.raw, "rd_raw");
   std::vector<uint32_t> ids;
@@ -528,8 +596,8 @@ void QueryPrepared(benchmark::State& state, bool mem) {
 // ---- What required statements cost on their own: the existence SELECT
 // before each read, and an empty BEGIN/END TRANSACTION pair.
 
-void CostExistence(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void CostExistence(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   const std::vector<uint32_t>& ids = RawReadTable(setup);
   size_t i = 0;
   for (auto _ : state) {
@@ -540,20 +608,83 @@ void CostExistence(benchmark::State& state, bool mem) {
   }
 }
 
-void CostTransaction(benchmark::State& state, bool mem) {
-  SqliteSetup& setup = Setup(mem);
+void CostTransaction(benchmark::State& state, Db db) {
+  SqliteSetup& setup = Setup(db);
   for (auto _ : state) {
     Exec(setup.raw, "BEGIN TRANSACTION");
     Exec(setup.raw, "END TRANSACTION");
   }
 }
 
+// ---- Scaling: one record's retrieve, update and delete in a table of N
+// records, with and without the owner index of its side table.
+
+constexpr uint32_t kScales[] = {1000, 10000, 100000};
+
+// The table of `records` records, preloaded once, with its owner index
+// created (`indexed`) or dropped through the raw connection.
+db::DbObject* ScaledTable(SqliteSetup& setup, uint32_t records, bool indexed,
+                          const std::vector<uint32_t>** ids) {
+  const std::string table = "scale_" + std::to_string(records);
+  db::DbObject* object = setup.Table(table);
+  *ids = &setup.PreloadOnce(table, records);
+  const std::string side = SideTable(table);
+  const std::string index = "\"" + db::SqliteAPI::OwnerIndexName(side) + "\"";
+  Exec(setup.raw,
+       indexed ? "CREATE INDEX IF NOT EXISTS " + index + " ON " + side + "(ID_" + table + ");"
+               : "DROP INDEX IF EXISTS " + index + ";");
+  return object;
+}
+
+void ScaleRetrieve(benchmark::State& state, Db db, bool indexed) {
+  const std::vector<uint32_t>* ids = nullptr;
+  db::DbObject* object =
+      ScaledTable(Setup(db), static_cast<uint32_t>(state.range(0)), indexed, &ids);
+  db::ScalarFields scalar;
+  db::CompositeFields composite;
+  size_t i = 0;
+  for (auto _ : state) {
+    CheckRc(state, object->RetrieveObject((*ids)[i++ % ids->size()], &scalar, &composite));
+  }
+}
+
+void ScaleUpdate(benchmark::State& state, Db db, bool indexed) {
+  const std::vector<uint32_t>* ids = nullptr;
+  db::DbObject* object =
+      ScaledTable(Setup(db), static_cast<uint32_t>(state.range(0)), indexed, &ids);
+  FillRecord(object, 7);
+  size_t i = 0;
+  for (auto _ : state) CheckRc(state, object->UpdateObject((*ids)[i++ % ids->size()]));
+}
+
+// Each deleted record is stored again, untimed, so the table keeps its size.
+void ScaleDelete(benchmark::State& state, Db db, bool indexed) {
+  SqliteSetup& setup = Setup(db);
+  const std::vector<uint32_t>* ids = nullptr;
+  const uint32_t records = static_cast<uint32_t>(state.range(0));
+  db::DbObject* object = ScaledTable(setup, records, indexed, &ids);
+  const std::string table = "scale_" + std::to_string(records);
+  size_t i = 0;
+  for (auto _ : state) {
+    const size_t n = i++ % ids->size();
+    const uint32_t id = (*ids)[n];
+    CheckRc(state, object->DeleteSingleObject(id));
+    state.PauseTiming();
+    const RecordValues v = MakeRecordValues(static_cast<uint32_t>(n));
+    Exec(setup.raw, "BEGIN TRANSACTION");
+    Exec(setup.raw, InsertText(table, id, v));
+    for (int32_t vlan : v.vlans) Exec(setup.raw, InsertVlanText(table, id, vlan));
+    Exec(setup.raw, "END TRANSACTION");
+    state.ResumeTiming();
+  }
+}
+
 void RegisterAll() {
   struct Op {
     const char* name;
-    void (*lib)(benchmark::State&, bool);
-    void (*exec)(benchmark::State&, bool);
-    void (*prepared)(benchmark::State&, bool);
+    void (*lib)(benchmark::State&, Db);
+    void (*exec)(benchmark::State&, Db);
+    void (*prepared)(benchmark::State&, Db);
   };
   const Op ops[] = {
       {"Store", StoreLib, StoreExec, StorePrepared},
@@ -562,17 +693,40 @@ void RegisterAll() {
       {"Delete", DeleteLib, DeleteExec, DeletePrepared},
       {"QueryField", QueryLib, QueryExec, QueryPrepared},
   };
-  for (const bool mem : {true, false}) {
-    const std::string db = mem ? "SqliteMem/" : "SqliteFile/";
-    benchmark::RegisterBenchmark((db + "Cost/ExistenceSelect").c_str(), CostExistence, mem)
+  for (const Db db : {Db::kMem, Db::kFile}) {
+    const std::string prefix = db == Db::kMem ? "SqliteMem/" : "SqliteFile/";
+    benchmark::RegisterBenchmark((prefix + "Cost/ExistenceSelect").c_str(), CostExistence, db)
         ->UseRealTime();
-    benchmark::RegisterBenchmark((db + "Cost/EmptyTransaction").c_str(), CostTransaction, mem)
+    benchmark::RegisterBenchmark((prefix + "Cost/EmptyTransaction").c_str(), CostTransaction, db)
         ->UseRealTime();
     for (const Op& op : ops) {
-      benchmark::RegisterBenchmark((db + op.name + "/Lib").c_str(), op.lib, mem)->UseRealTime();
-      benchmark::RegisterBenchmark((db + op.name + "/Exec").c_str(), op.exec, mem)->UseRealTime();
-      benchmark::RegisterBenchmark((db + op.name + "/Prepared").c_str(), op.prepared, mem)
-          ->UseRealTime();
+      const std::string name = prefix + op.name;
+      benchmark::RegisterBenchmark((name + "/Lib").c_str(), op.lib, db)->UseRealTime();
+      benchmark::RegisterBenchmark((name + "/Exec").c_str(), op.exec, db)->UseRealTime();
+      benchmark::RegisterBenchmark((name + "/Prepared").c_str(), op.prepared, db)->UseRealTime();
+      // The writes again, on a file in the rollback journal.
+      if (db == Db::kFile && op.lib != RetrieveLib && op.lib != QueryLib) {
+        benchmark::RegisterBenchmark((name + "/Rollback").c_str(), op.lib, Db::kRollback)
+            ->UseRealTime();
+      }
+    }
+  }
+  using ScaleFn = void (*)(benchmark::State&, Db, bool);
+  const std::pair<const char*, ScaleFn> scale_ops[] = {
+      {"Retrieve", ScaleRetrieve}, {"Update", ScaleUpdate}, {"Delete", ScaleDelete}};
+  for (const Db db : {Db::kMem, Db::kFile}) {
+    const std::string prefix = db == Db::kMem ? "Scaling/SqliteMem/" : "Scaling/SqliteFile/";
+    for (const uint32_t records : kScales) {
+      // The indexed runs first: each table's index is dropped once, after them.
+      for (const bool indexed : {true, false}) {
+        for (const auto& [name, fn] : scale_ops) {
+          const std::string kind = indexed ? "/Lib" : "/NoIndex";
+          benchmark::RegisterBenchmark((prefix + name + kind).c_str(), fn, db, indexed)
+              ->Arg(records)
+              ->Unit(benchmark::kMicrosecond)
+              ->UseRealTime();
+        }
+      }
     }
   }
 }

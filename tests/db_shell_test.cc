@@ -255,6 +255,37 @@ TEST(DbShellOpenTest, CannotOpenOrWrongArgumentsExitsTwo) {
   EXPECT_EQ("", help.err);
 }
 
+// A file written before the write-ahead log and the owner indexes (in the
+// rollback journal's mode, side table without index) is read as it is: the
+// shell's connection is read-only, whatever characters the path holds.
+TEST(DbShellOpenTest, SqliteFileWrittenBeforeStaysAsItIs) {
+  if (std::string(DB_SHELL_PATH).empty()) GTEST_SKIP() << "db-shell is not built";
+  db_test::TempDir dir;
+  const std::string path = dir.File("old?%23#.sqlite");
+  sqlite3* db = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &db));
+  ASSERT_EQ(
+      SQLITE_OK,
+      sqlite3_exec(db,
+                   "CREATE TABLE ports(ID INTEGER PRIMARY KEY , speed INTEGER);"
+                   "CREATE TABLE repeated_field_table_ports_vlans(ID INTEGER PRIMARY KEY, "
+                   "ID_ports INTEGER, vlans INTEGER);"
+                   "INSERT INTO ports (ID, speed) VALUES (4, 1000);"
+                   "INSERT INTO repeated_field_table_ports_vlans(ID_ports, vlans) VALUES (4, 20);",
+                   nullptr, nullptr, nullptr));
+  sqlite3_close(db);
+  const std::string before = db_test::ReadFile(path);
+  ShellRun run = RunShell({"--sqlite", path, "-c", "Retrieve Record ports 4"});
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_NE(std::string::npos, run.out.find("1000")) << run.out;
+  EXPECT_EQ(before, db_test::ReadFile(path));
+  std::vector<std::string> files;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+    files.push_back(entry.path().filename().string());
+  }
+  EXPECT_EQ(std::vector<std::string>{"old?%23#.sqlite"}, files);
+}
+
 TEST_P(DbShellTest, TerminalCompletesCommandWordsAndRecallsHistory) {
   if (sqlite() || system("tmux -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "LevelDB with tmux";
   WriteDatabase();

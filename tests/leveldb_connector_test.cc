@@ -25,6 +25,13 @@ TEST(LevelDbConnectorTest, AcquiresShareOneCountedHandleUntilTheLastRelease) {
   EXPECT_EQ(connector.LookupConnection(path), first);  // Lookups never count.
   EXPECT_EQ(connector.Find(path)->count, 2u);
   ASSERT_TRUE(first->Put(leveldb::WriteOptions(), "k", "v").ok());
+  // Opened with the Bloom filter policy: the table file holds its filter.
+  first->CompactRange(nullptr, nullptr);
+  std::string tables;
+  for (const auto& entry : std::filesystem::directory_iterator(path)) {
+    if (entry.path().extension() == ".ldb") tables += db_test::ReadFile(entry.path().string());
+  }
+  EXPECT_NE(tables.find("filter.leveldb.BuiltinBloomFilter2"), std::string::npos);
 
   EXPECT_FALSE(connector.ReleaseConnection(path));  // One user remains.
   EXPECT_EQ(connector.Find(path)->count, 1u);

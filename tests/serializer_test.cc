@@ -62,11 +62,23 @@ TEST(SerializerTest, PutOnBatchKeys) {
                                 {"unset", {kString, {Attribute(kString)}}}};
   Serializer().PutOnBatch(batch, "T", 7, {{"a", Set(5)}}, composites);
   Serializer().PutOnBatch(batch, "T", 4294967295u, {}, {});
+  // More values, a longer value and a longer key than fit on the stack.
+  const std::string field(130, 'f'), big(600, 'b');
+  Values many(16, Set(7));
+  many.push_back(Set(big));
+  std::string lengths = "17", texts;
+  for (int i = 0; i < 16; ++i) {
+    lengths += ",1";
+    texts += ",7";
+  }
+  Serializer().PutOnBatch(batch, "T", 8, {}, {{field, {kInteger, many}}});
   ASSERT_TRUE(batch.Iterate(&contents).ok());
   EXPECT_EQ(contents.puts, (Texts{{"T:7", "1,1,5"},
                                   {"unset:T:7", "0"},
                                   {"vlans:T:7", "2,2,2,10,20"},
-                                  {"T:4294967295", "0"}}));
+                                  {"T:4294967295", "0"},
+                                  {"T:8", "0"},
+                                  {field + ":T:8", lengths + ",600" + texts + "," + big}}));
 }
 
 TEST(SerializerTest, ScalarDecoding) {
@@ -98,7 +110,10 @@ TEST(SerializerTest, ScalarDecodingFailureEmptiesTheMapAndLogs) {
   const Texts cases = {
       {"2,2,1,ok,x",
        "ERROR: Failed to deserialize the scalar attribute='b', value='x', exception='stoi'"},
-      {"2,9,3,ab", "ERROR: Failed to deserialize the scalar attribute='b', value=''"}};
+      {"2,9,3,ab", "ERROR: Failed to deserialize the scalar attribute='b', value=''"},
+      {"2,1,10,x,2147483648",
+       "ERROR: Failed to deserialize the scalar attribute='b', value='2147483648', "
+       "exception='stoi'"}};
   for (const auto& [text, line] : cases) {
     db_test::LogCapture log;
     ScalarFields fields = {{"a", Attribute(kString)}, {"b", Attribute(kInteger)}};

@@ -213,16 +213,20 @@ TEST_F(SqliteApiTest, ResultCodesAndErrorLines) {
   const std::string path = dir_.File("db.sqlite");
   int page_size = 0;
   {
+    // In the write-ahead log a second writer waits out the time-out, while
+    // reads go on.
     db_test::RawDb other(path);
     other.Query("BEGIN EXCLUSIVE;");
     EXPECT_EQ(api_.StoreRecord(1, {{"a", Int(1)}}, {}), -6);
-    EXPECT_EQ(api_.GetTableSize(&size), -6);
-    EXPECT_EQ(log_.Count("ERROR! sqlite3_exec: err_msg='database is locked'"), 2);
+    EXPECT_EQ(api_.GetTableSize(&size), 0);
+    EXPECT_EQ(log_.Count("ERROR! sqlite3_exec: err_msg='database is locked'"), 1);
     page_size = std::stoi(*other.Query("PRAGMA page_size;").at(0).at(0));
   }  // closing rolls back
   EXPECT_EQ(api_.StoreRecord(1, {{"a", Int(1)}}, {}), 0);
 
-  // Page 2 holds the root of T; an invalid page type makes it malformed.
+  // Page 2 holds the root of T; an invalid page type makes it malformed. The
+  // checkpoint first moves every page from the log into the file.
+  db_test::RawDb(path).Query("PRAGMA wal_checkpoint(TRUNCATE);");
   FILE* file = std::fopen(path.c_str(), "r+b");
   ASSERT_NE(file, nullptr);
   std::fseek(file, page_size, SEEK_SET);
@@ -231,6 +235,26 @@ TEST_F(SqliteApiTest, ResultCodesAndErrorLines) {
   std::vector<uint32_t> ids;
   EXPECT_EQ(SqliteAPI(path, "T", false).RetrieveRecords(&ids, {}, {}), -7);
   EXPECT_TRUE(log_.Contains("ERROR! sqlite3_exec: err_msg='database disk image is malformed'"));
+}
+
+// A file held by a connection in the rollback journal's mode cannot switch to
+// the write-ahead log: the failure is logged and the file keeps its mode, in
+// which a reader waits for the writer too.
+TEST(SqliteJournal, FileHeldInRollbackModeKeepsItsMode) {
+  db_test::LogCapture log;
+  db_test::TempDir dir;
+  db_test::RawDb other(dir.File("db.sqlite"));
+  other.Query("CREATE TABLE T(ID INTEGER PRIMARY KEY , a INTEGER); BEGIN EXCLUSIVE;");
+  SqliteAPI api(dir.File("db.sqlite"), "T", false);
+  EXPECT_TRUE(
+      log.Contains("ERROR! Write-ahead log not set, the database keeps its journal mode: "
+                   "err_msg='database is locked'"));
+  int size = 0;
+  EXPECT_EQ(api.GetTableSize(&size), -6);
+  EXPECT_EQ(api.StoreRecord(1, {{"a", Int(1)}}, {}), -6);
+  other.Query("END;");
+  EXPECT_EQ(api.StoreRecord(1, {{"a", Int(1)}}, {}), 0);
+  EXPECT_THAT(other.Query("PRAGMA journal_mode;"), ElementsAre(db_test::Row{"delete"}));
 }
 
 TEST_F(SqliteApiTest, FailureInsideTransactionLeavesItOpen) {

@@ -24,6 +24,12 @@ using ::db_test::Row;
 using ::db_test::Str;
 using ::testing::ElementsAre;
 
+// The stored text of the owner index of side table repeated_field_table_T_F.
+Row OwnerIndex(const std::string& field) {
+  const std::string side = "repeated_field_table_T_" + field;
+  return Row{"CREATE INDEX \"" + side + ":owner\" ON " + side + "(ID_T)"};
+}
+
 class SqliteLayoutTest : public ::testing::Test {
  protected:
   SqliteLayoutTest() : path_(dir_.File("layout.db")), api_(path_, "T", false) {
@@ -47,14 +53,19 @@ TEST_F(SqliteLayoutTest, TablesAndStoredValues) {
   ASSERT_EQ(api_.AddTableIndex("idx_ab", {"a", "b"}), 0);
   db_test::RawDb raw(path_);
   const std::string side = "CREATE TABLE repeated_field_table_T_";
-  EXPECT_THAT(raw.Query("SELECT sql FROM sqlite_master ORDER BY name;"),
-              ElementsAre(Row{"CREATE TABLE T(ID INTEGER PRIMARY KEY , a INTEGER,b TEXT,c REAL,d "
-                              "BLOB, e TEXT)"},
-                          Row{"CREATE INDEX idx_ab ON T (a,b)"},
-                          Row{side + "f(ID INTEGER PRIMARY KEY, ID_T INTEGER, f INTEGER)"},
-                          Row{side + "g(ID INTEGER PRIMARY KEY, ID_T INTEGER, g TEXT)"},
-                          Row{side + "h(ID INTEGER PRIMARY KEY, ID_T INTEGER, h REAL)"},
-                          Row{side + "k(ID INTEGER PRIMARY KEY, ID_T INTEGER, k BLOB)"}));
+  EXPECT_THAT(
+      raw.Query("SELECT sql FROM sqlite_master ORDER BY name;"),
+      ElementsAre(Row{"CREATE TABLE T(ID INTEGER PRIMARY KEY , a INTEGER,b TEXT,c REAL,d "
+                      "BLOB, e TEXT)"},
+                  Row{"CREATE INDEX idx_ab ON T (a,b)"},
+                  Row{side + "f(ID INTEGER PRIMARY KEY, ID_T INTEGER, f INTEGER)"}, OwnerIndex("f"),
+                  Row{side + "g(ID INTEGER PRIMARY KEY, ID_T INTEGER, g TEXT)"}, OwnerIndex("g"),
+                  Row{side + "h(ID INTEGER PRIMARY KEY, ID_T INTEGER, h REAL)"}, OwnerIndex("h"),
+                  Row{side + "k(ID INTEGER PRIMARY KEY, ID_T INTEGER, k BLOB)"}, OwnerIndex("k")));
+  EXPECT_THAT(raw.Query("PRAGMA journal_mode;"), ElementsAre(Row{"wal"}));
+  int synchronous = -1;
+  ASSERT_EQ(api_.ExecuteQuery("PRAGMA synchronous;", CallbackSize, &synchronous), 0);
+  EXPECT_EQ(synchronous, 1);  // NORMAL
 
   const ScalarFields record = {{"a", Int(-5)},
                                {"b", Str("O'Brien")},
@@ -89,9 +100,36 @@ TEST_F(SqliteLayoutTest, SharedInMemoryDatabase) {
   CompositeFields composite;
   ASSERT_EQ(second.RetrieveRecord(3, &scalar, &composite), 0);
   EXPECT_EQ(scalar.at("a"), Str("shared"));
+  std::string journal;
+  ASSERT_EQ(second.ExecuteQuery("PRAGMA journal_mode;", CallbackPrint, &journal), 0);
+  EXPECT_EQ(journal, "journal_mode = memory\n\n");
   int size = -1;
   EXPECT_EQ(SqliteAPI(dir_.File("other_mem"), "T", true).GetTableSize(&size), -1);
   EXPECT_FALSE(std::filesystem::exists(dir_.File("mem")));  // nothing on disk
+}
+
+// A database written before owner indexes existed gains them when a table is
+// opened writable, only for that table's own side tables, and once.
+TEST(SqliteOwnerIndex, AddedWhenAnOlderDatabaseIsOpenedAndDroppedWithItsTable) {
+  db_test::LogCapture log;
+  db_test::TempDir dir;
+  db_test::RawDb raw(dir.File("old.db"));
+  // The side table of table T_x starts with T's side-table prefix too.
+  raw.Query(
+      "CREATE TABLE T(ID INTEGER PRIMARY KEY );"
+      "CREATE TABLE repeated_field_table_T_f(ID INTEGER PRIMARY KEY, ID_T INTEGER, f INTEGER);"
+      "CREATE TABLE repeated_field_table_T_x_f(ID INTEGER PRIMARY KEY, ID_T_x INTEGER, f "
+      "INTEGER);");
+  const std::string indexes = "SELECT sql FROM sqlite_master WHERE type='index';";
+  {
+    SqliteAPI api(dir.File("old.db"), "T", false);
+    SqliteAPI again(dir.File("old.db"), "T", false);
+    EXPECT_THAT(raw.Query(indexes), ElementsAre(OwnerIndex("f")));
+    EXPECT_THAT(raw.Query("PRAGMA journal_mode;"), ElementsAre(Row{"wal"}));
+    EXPECT_EQ(api.DestroyTable({{"f", {kInteger, {}}}}), 0);
+  }
+  EXPECT_THAT(raw.Query(indexes), ElementsAre());
+  EXPECT_THAT(log.Lines(), ElementsAre());
 }
 
 TEST_F(SqliteLayoutTest, ValuesThatLookLikeSqlStayValues) {

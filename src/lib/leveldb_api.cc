@@ -244,12 +244,10 @@ const std::string& LeveldbAPI::GetTableName() const { return table_name_; }
 // ---------------------------------------------------------------------------
 // Single records
 
-int LeveldbAPI::CheckObjectExistence(uint32_t id) {
-  leveldb::DB* db = Handle();
+int LeveldbAPI::CheckObjectExistence(leveldb::DB* db, const std::string& key) {
   if (db == nullptr) return kFailure;
   std::string value;
-  return DbReturnCodeTranslate(
-      db->Get(read_options_, Serializer::ScalarKey(table_name_, id), &value));
+  return DbReturnCodeTranslate(db->Get(read_options_, key, &value));
 }
 
 int LeveldbAPI::RetrieveRecordScalar(const std::string& table, std::string& value,
@@ -286,25 +284,30 @@ void LeveldbAPI::PutCompositeKeysOnBatch(leveldb::WriteBatch& batch, uint32_t id
   }
 }
 
-leveldb::Status LeveldbAPI::WriteRecord(uint32_t id, const ScalarFields& scalars,
+leveldb::Status LeveldbAPI::WriteRecord(leveldb::DB* db, const std::string& key,
+                                        const ScalarFields& scalars,
                                         const CompositeFields& composites) {
-  leveldb::DB* db = Handle();
   if (db == nullptr) return leveldb::Status::IOError("Disconnected");
-  leveldb::WriteBatch batch;
-  serializer_.PutOnBatch(batch, table_name_, id, scalars, composites);
-  return db->Write(write_options_, &batch);
+  // One batch kept for every record: it keeps its memory from one write to
+  // the next.
+  batch_.Clear();
+  serializer_.PutOnBatch(batch_, key, scalars, composites);
+  return db->Write(write_options_, &batch_);
 }
 
 int LeveldbAPI::StoreRecord(uint32_t id, const ScalarFields& scalars,
                             const CompositeFields& composites) {
+  // The handle and the key serve both the existence check and the write.
+  leveldb::DB* db = Handle();
+  const std::string key = Serializer::ScalarKey(table_name_, id);
   // A read error is not proof that the id is taken: the store goes on.
-  if (CheckObjectExistence(id) == kOk) {
+  if (CheckObjectExistence(db, key) == kOk) {
     DB_LOG_ERROR("ERROR: Record already exist, table='%s', id=%d", table_name_.c_str(),
                  static_cast<int>(id));
     return kFailure;
   }
   if (!CheckTableExistence() || !IsValidSchema(scalars, composites)) return kFailure;
-  const leveldb::Status status = WriteRecord(id, scalars, composites);
+  const leveldb::Status status = WriteRecord(db, key, scalars, composites);
   if (!status.ok()) {
     DB_LOG_ERROR("ERROR: Write status='%s', table='%s', id=%d", status.ToString().c_str(),
                  table_name_.c_str(), static_cast<int>(id));
@@ -329,7 +332,8 @@ int LeveldbAPI::UpdateRecord(uint32_t id, const ScalarFields& scalars,
   // A repeated field given with an empty vector is neither written nor
   // deleted, so it keeps its stored elements: callers update the scalar part
   // alone by passing empty vectors. Intended.
-  const leveldb::Status status = WriteRecord(id, scalars, composites);
+  const leveldb::Status status =
+      WriteRecord(Handle(), Serializer::ScalarKey(table_name_, id), scalars, composites);
   if (!status.ok()) {
     DB_LOG_ERROR("ERROR: Write status='%s', table='%s', id=%d", status.ToString().c_str(),
                  table_name_.c_str(), static_cast<int>(id));

@@ -17,6 +17,7 @@
 
 #include <leveldb/options.h>
 #include <leveldb/status.h>
+#include <leveldb/write_batch.h>
 
 #include "db/attribute.h"
 #include "db/database_api.h"
@@ -26,7 +27,6 @@
 
 namespace leveldb {
 class DB;
-class WriteBatch;
 }  // namespace leveldb
 
 namespace db {
@@ -84,13 +84,16 @@ class LeveldbAPI : public DatabaseAPI {
   // The held handle while the connector still has it open, else null.
   leveldb::DB* Handle() const;
   bool CheckTableExistence() const;
-  int CheckObjectExistence(uint32_t id);
+  // 0 when the record under `key` (its ScalarKey) exists, -4 when not,
+  // another code on a read error or without handle.
+  int CheckObjectExistence(leveldb::DB* db, const std::string& key);
   int RetrieveRecordScalar(const std::string& table, std::string& value, uint32_t id) const;
   int RetrieveRecordComposite(const std::string& table, const std::string& field, uint32_t id,
                               std::string& value) const;
   void PutCompositeKeysOnBatch(leveldb::WriteBatch& batch, uint32_t id) const;
-  // Writes the given fields of record `id` in one batch.
-  leveldb::Status WriteRecord(uint32_t id, const ScalarFields& scalars,
+  // Writes the given fields of the record under `key` (its ScalarKey) in one
+  // batch; IOError "Disconnected" without handle.
+  leveldb::Status WriteRecord(leveldb::DB* db, const std::string& key, const ScalarFields& scalars,
                               const CompositeFields& composites);
   bool IsValidSchema(const ScalarFields& scalar, const CompositeFields& composite) const;
   ScalarFields GetTableSchema() const;
@@ -119,6 +122,8 @@ class LeveldbAPI : public DatabaseAPI {
   std::string table_name_;
   leveldb::ReadOptions read_options_;
   leveldb::WriteOptions write_options_;
+  // The batch of WriteRecord, cleared before each use.
+  leveldb::WriteBatch batch_;
 };
 
 }  // namespace db

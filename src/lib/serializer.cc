@@ -4,7 +4,9 @@
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <exception>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -29,47 +31,158 @@ void AppendDecimal(std::string& out, T value) {
   out.append(text, static_cast<size_t>(end.ptr - text));
 }
 
-// Builds one encoded value in place at the end of `out`: the value texts are
-// appended to `out` as they come, the count and the lengths (short, usually
-// within the small-string buffer) are collected aside and inserted in front of
-// the texts once at the end.
-class Encoder {
- public:
-  Encoder(std::string& out, uint32_t count, size_t text_bytes) : out_(out), start_(out.size()) {
-    // Left to grow: a short head stays in the small-string buffer.
-    AppendDecimal(head_, count);
-    out_.reserve(start_ + head_.size() + static_cast<size_t>(count) * 3 + text_bytes);
-  }
-  void AddEmpty() {
-    head_ += ",0";
-    out_ += ',';
-  }
-  void Add(const Attribute& attr) {
-    out_ += ',';
-    const size_t before = out_.size();
-    Serializer::AppendValueText(out_, attr);
-    head_ += ',';
-    AppendDecimal(head_, out_.size() - before);
-  }
-  void Finish() { out_.insert(start_, head_); }
+// Bytes enough for the text of any integer or float ("-2147483648",
+// "-1.17549e-38").
+constexpr size_t kNumberTextSize = 24;
 
- private:
-  std::string& out_;
-  const size_t start_;
-  std::string head_;
+// Where the bytes of one value text are.
+struct Text {
+  const char* data;
+  size_t size;
 };
 
-// Bytes of the value texts for a first reservation: exact for strings and
-// bytes, a bound for the short texts of numbers.
-size_t TextBytesHint(const Attribute& attr) {
+// The bytes of attr.ToString() for a set attribute, without building a
+// string: strings and bytes are referred to where they are, numbers are
+// written into `scratch` (kNumberTextSize bytes).
+Text SetValueText(const Attribute& attr, char* scratch) {
   switch (attr.type()) {
-    case kString:
-      return attr.Get<std::string>().size() + 1;
-    case kBytes:
-      return attr.Get<std::vector<uint8_t>>().size() + 1;
-    default:
-      return 13;
+    case kInteger:
+      return {scratch,
+              static_cast<size_t>(
+                  std::to_chars(scratch, scratch + kNumberTextSize, attr.Get<int32_t>()).ptr -
+                  scratch)};
+    case kString: {
+      const std::string& text = attr.Get<std::string>();
+      return {text.data(), text.size()};
+    }
+    case kFloat:
+      // The same conversion as Attribute::ToString: "%.6g" of the value as
+      // double.
+      return {scratch, static_cast<size_t>(std::to_chars(scratch, scratch + kNumberTextSize,
+                                                         static_cast<double>(attr.Get<float>()),
+                                                         std::chars_format::general, 6)
+                                               .ptr -
+                                           scratch)};
+    case kBytes: {
+      const auto& bytes = attr.Get<std::vector<uint8_t>>();
+      return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+    }
   }
+  return {Attribute::kToStringInvalid.data(), Attribute::kToStringInvalid.size()};
+}
+
+size_t DecimalSize(size_t value) {
+  size_t digits = 1;
+  for (; value >= 10; value /= 10) ++digits;
+  return digits;
+}
+
+// Collects the value texts of one encoded value, then writes the count, the
+// lengths and the texts in one pass into memory sized for them. The texts
+// (and the number texts behind them) stay on the stack up to kInline values.
+class ValueEncoder {
+ public:
+  explicit ValueEncoder(size_t capacity) {
+    if (capacity > kInline) {
+      heap_texts_ = std::make_unique<Text[]>(capacity);
+      heap_scratch_ = std::make_unique<char[]>(capacity * kNumberTextSize);
+      texts_ = heap_texts_.get();
+      scratch_ = heap_scratch_.get();
+    }
+  }
+  ValueEncoder(const ValueEncoder&) = delete;
+  ValueEncoder& operator=(const ValueEncoder&) = delete;
+
+  void AddSet(const Attribute& attr) {
+    texts_[count_] = SetValueText(attr, scratch_ + count_ * kNumberTextSize);
+    size_ += 2 + DecimalSize(texts_[count_].size) + texts_[count_].size;
+    ++count_;
+  }
+  // An entry of length 0: how an unset scalar is stored.
+  void AddEmpty() {
+    texts_[count_++] = {"", 0};
+    size_ += 3;
+  }
+  // Bytes of the encoded value.
+  size_t size() const { return DecimalSize(count_) + size_; }
+  // Writes the size() bytes of the encoded value at `out`.
+  void WriteTo(char* out) const {
+    char* const end = out + size();
+    out = std::to_chars(out, end, count_).ptr;
+    for (size_t i = 0; i < count_; ++i) {
+      *out++ = ',';
+      out = std::to_chars(out, end, texts_[i].size).ptr;
+    }
+    for (size_t i = 0; i < count_; ++i) {
+      *out++ = ',';
+      std::memcpy(out, texts_[i].data, texts_[i].size);
+      out += texts_[i].size;
+    }
+  }
+  void AppendTo(std::string& out) const {
+    const size_t start = out.size();
+    out.resize(start + size());
+    WriteTo(&out[start]);
+  }
+
+ private:
+  static constexpr size_t kInline = 16;
+  Text inline_texts_[kInline];
+  char inline_scratch_[kInline * kNumberTextSize];
+  std::unique_ptr<Text[]> heap_texts_;
+  std::unique_ptr<char[]> heap_scratch_;
+  Text* texts_ = inline_texts_;
+  char* scratch_ = inline_scratch_;
+  size_t count_ = 0;
+  size_t size_ = 0;  // of the lengths and texts with their commas
+};
+
+void EncodeScalar(const ScalarFields& fields, ValueEncoder& encoder) {
+  for (const auto& entry : fields) {
+    // An unset value is stored as the empty text; an empty string reads back
+    // unset too, the format does not tell the two apart.
+    if (entry.second.is_set()) {
+      encoder.AddSet(entry.second);
+    } else {
+      encoder.AddEmpty();
+    }
+  }
+}
+
+void EncodeComposite(const std::vector<Attribute>& values, ValueEncoder& encoder) {
+  for (const Attribute& attr : values) {
+    if (attr.is_set()) encoder.AddSet(attr);
+  }
+}
+
+// Puts `key` with the encoded value into `batch`; a value that fits is
+// written on the stack, so a record needs no heap memory of its own.
+void PutEncoded(leveldb::WriteBatch& batch, const leveldb::Slice& key,
+                const ValueEncoder& encoder) {
+  const size_t size = encoder.size();
+  char local[512];
+  std::unique_ptr<char[]> heap;
+  char* value = local;
+  if (size > sizeof(local)) {
+    heap = std::make_unique<char[]>(size);
+    value = heap.get();
+  }
+  encoder.WriteTo(value);
+  batch.Put(key, leveldb::Slice(value, size));
+}
+
+// std::stoi of the `size` bytes at `data`, with its exceptions, without
+// building a string for the common text: an optional "-" and at most nine
+// digits, nothing else. Every other text goes to std::stoi itself.
+int32_t DecimalToInt(const char* data, size_t size) {
+  const size_t first = size > 1 && data[0] == '-' ? 1 : 0;
+  if (size > first && size - first <= 9) {
+    int32_t value = 0;
+    size_t i = first;
+    for (; i < size && data[i] >= '0' && data[i] <= '9'; ++i) value = value * 10 + (data[i] - '0');
+    if (i == size) return first == 1 ? -value : value;
+  }
+  return std::stoi(std::string(data, size), nullptr, 10);
 }
 
 // Converts a stored value text by `type`. std::stoi/std::stof exceptions pass.
@@ -77,7 +190,7 @@ size_t TextBytesHint(const Attribute& attr) {
 bool ParseValue(AttributeType type, const std::string& text, Attribute& attr) {
   switch (type) {
     case kInteger:
-      attr = static_cast<int32_t>(std::stoi(text, nullptr, 10));
+      attr = DecimalToInt(text.data(), text.size());
       return true;
     case kString:
       attr = text;
@@ -100,61 +213,21 @@ void Serializer::AppendValueText(std::string& out, const Attribute& attr) {
     out += Attribute::kToStringUnset;
     return;
   }
-  switch (attr.type()) {
-    case kInteger:
-      AppendDecimal(out, attr.Get<int32_t>());
-      return;
-    case kString:
-      out += attr.Get<std::string>();
-      return;
-    case kFloat: {
-      // The same conversion as Attribute::ToString: "%.6g" of the value as
-      // double.
-      char text[32];
-      const std::to_chars_result end =
-          std::to_chars(text, text + sizeof(text), static_cast<double>(attr.Get<float>()),
-                        std::chars_format::general, 6);
-      out.append(text, static_cast<size_t>(end.ptr - text));
-      return;
-    }
-    case kBytes: {
-      const auto& bytes = attr.Get<std::vector<uint8_t>>();
-      out.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-      return;
-    }
-  }
-  out += Attribute::kToStringInvalid;
+  char scratch[kNumberTextSize];
+  const Text text = SetValueText(attr, scratch);
+  out.append(text.data, text.size);
 }
 
 void Serializer::SerializeScalar(std::string& out, const ScalarFields& fields) const {
-  size_t text_bytes = 0;
-  for (const auto& entry : fields) text_bytes += TextBytesHint(entry.second);
-  Encoder enc(out, static_cast<uint32_t>(fields.size()), text_bytes);
-  for (const auto& entry : fields) {
-    // An unset value is stored as the empty text; an empty string reads back
-    // unset too, the format does not tell the two apart.
-    if (entry.second.is_set()) {
-      enc.Add(entry.second);
-    } else {
-      enc.AddEmpty();
-    }
-  }
-  enc.Finish();
+  ValueEncoder encoder(fields.size());
+  EncodeScalar(fields, encoder);
+  encoder.AppendTo(out);
 }
 
 void Serializer::SerializeComposite(std::string& out, const std::vector<Attribute>& values) const {
-  uint32_t count = 0;
-  size_t text_bytes = 0;
-  for (const Attribute& attr : values) {
-    if (!attr.is_set()) continue;
-    ++count;
-    text_bytes += TextBytesHint(attr);
-  }
-  Encoder enc(out, count, text_bytes);
-  for (const Attribute& attr : values) {
-    if (attr.is_set()) enc.Add(attr);
-  }
-  enc.Finish();
+  ValueEncoder encoder(values.size());
+  EncodeComposite(values, encoder);
+  encoder.AppendTo(out);
 }
 
 std::string Serializer::ScalarKey(const std::string& table, uint32_t id) {
@@ -167,27 +240,37 @@ std::string Serializer::ScalarKey(const std::string& table, uint32_t id) {
 
 void Serializer::PutOnBatch(leveldb::WriteBatch& batch, const std::string& table, uint32_t id,
                             const ScalarFields& scalars, const CompositeFields& composites) const {
-  std::string value;
-  SerializeScalar(value, scalars);
-  // One key buffer for every key of the record. The repeated-field keys are
-  // field + ":" + table + ":" + id, so the part after the field name is the
-  // scalar key with a separator in front.
-  std::string key = ScalarKey(table, id);
-  batch.Put(key, value);
-  const size_t suffix_size = LevelDbTable::kKeySeparator.size() + key.size();
-  bool suffix_made = false;
+  PutOnBatch(batch, ScalarKey(table, id), scalars, composites);
+}
+
+void Serializer::PutOnBatch(leveldb::WriteBatch& batch, const std::string& scalar_key,
+                            const ScalarFields& scalars, const CompositeFields& composites) const {
+  {
+    ValueEncoder encoder(scalars.size());
+    EncodeScalar(scalars, encoder);
+    PutEncoded(batch, scalar_key, encoder);
+  }
+  // The repeated-field keys are field + ":" + table + ":" + id: the field
+  // name and a separator in front of the scalar key. Built on the stack when
+  // they fit.
+  char local_key[128];
+  std::string long_key;
   for (const auto& [field, typed_values] : composites) {
     // An empty vector writes nothing: an older stored vector of that field
     // stays as it is.
     if (typed_values.second.empty()) continue;
-    if (!suffix_made) {
-      key.insert(0, LevelDbTable::kKeySeparator);
-      suffix_made = true;
+    const size_t key_size = field.size() + LevelDbTable::kKeySeparator.size() + scalar_key.size();
+    char* key = local_key;
+    if (key_size > sizeof(local_key)) {
+      long_key.resize(key_size);
+      key = &long_key[0];
     }
-    key.replace(0, key.size() - suffix_size, field);
-    value.clear();
-    SerializeComposite(value, typed_values.second);
-    batch.Put(key, value);
+    char* end = std::copy(field.begin(), field.end(), key);
+    end = std::copy(LevelDbTable::kKeySeparator.begin(), LevelDbTable::kKeySeparator.end(), end);
+    std::copy(scalar_key.begin(), scalar_key.end(), end);
+    ValueEncoder encoder(typed_values.second.size());
+    EncodeComposite(typed_values.second, encoder);
+    PutEncoded(batch, leveldb::Slice(key, key_size), encoder);
   }
 }
 
@@ -195,27 +278,28 @@ void Serializer::ParseSizeToVector(std::vector<uint32_t>& sizes, uint32_t& pos,
                                    const std::string& text) const {
   pos = 0;
   if (text.empty()) return;
-  std::string token;
   int32_t remaining = 1;
   bool first = true;
   const size_t end = text.size();
+  // The number being read runs from `token` up to the comma at `pos`.
+  size_t token = 0;
   while (pos < end && remaining != 0) {
-    const char c = text[pos];
-    if (c != ',') {
-      token += c;
-    } else if (first) {
-      remaining = std::stoi(token, nullptr, 10);
-      first = false;
-      token.clear();
-      // One push per length; every length needs at least its comma, so a
-      // corrupt count cannot reserve more than the text holds.
-      if (remaining > 0) {
-        sizes.reserve(sizes.size() + std::min<size_t>(static_cast<size_t>(remaining), end));
+    if (text[pos] == ',') {
+      const size_t size = pos - token;
+      if (first) {
+        remaining = DecimalToInt(text.data() + token, size);
+        first = false;
+        // One push per length; every length needs at least its comma, so a
+        // corrupt count cannot reserve more than the text holds.
+        if (remaining > 0) {
+          sizes.reserve(sizes.size() + std::min<size_t>(static_cast<size_t>(remaining), end));
+        }
+      } else {
+        sizes.push_back(size == 0 ? 0u
+                                  : static_cast<uint32_t>(DecimalToInt(text.data() + token, size)));
+        --remaining;
       }
-    } else {
-      sizes.push_back(token.empty() ? 0u : static_cast<uint32_t>(std::stoi(token, nullptr, 10)));
-      --remaining;
-      token.clear();
+      token = pos + 1;
     }
     ++pos;
   }

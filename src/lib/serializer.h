@@ -34,6 +34,9 @@ class Serializer {
   // an empty vector writes no key (and deletes none).
   void PutOnBatch(leveldb::WriteBatch& batch, const std::string& table, uint32_t id,
                   const ScalarFields& scalars, const CompositeFields& composites) const;
+  // The same, for a caller that holds the record's ScalarKey already.
+  void PutOnBatch(leveldb::WriteBatch& batch, const std::string& scalar_key,
+                  const ScalarFields& scalars, const CompositeFields& composites) const;
   // Reads the count and lengths; `pos` ends at the first value byte.
   // std::invalid_argument / std::out_of_range pass through.
   void ParseSizeToVector(std::vector<uint32_t>& sizes, uint32_t& pos,

@@ -26,6 +26,18 @@ static_assert(kInMemoryOpenFlags == 0x46, "flags of the shared in-memory open");
 // up with SQLITE_BUSY.
 constexpr int kBusyTimeoutMs = 100;
 
+// Appended to a side table's name to name its owner index.
+constexpr char kOwnerIndexSuffix[] = ":owner";
+
+// Row callback: appends the first column of every row to a
+// std::vector<std::string>.
+int CollectFirstColumn(void* context, int argc, char** values, char**) {
+  if (argc >= 1 && values[0] != nullptr) {
+    static_cast<std::vector<std::string>*>(context)->emplace_back(values[0]);
+  }
+  return 0;
+}
+
 // Converts one column text (already unescaped) into `attribute`, keeping its
 // kind, and marks it set.
 void AssignFromText(Attribute* attribute, const std::string& text) {
@@ -169,6 +181,59 @@ void SqliteAPI::Connect(const std::string& name, bool in_memory) {
   }
   connected_ = true;
   sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+  // A read-only connection (db-shell, a write-protected file) must leave the
+  // file exactly as it is.
+  if (sqlite3_db_readonly(db_, "main") == 1) return;
+  if (!in_memory) UseWriteAheadLog();
+  CreateMissingOwnerIndexes();
+}
+
+void SqliteAPI::UseWriteAheadLog() {
+  // ":memory:" and temporary databases have no file whose journal could change.
+  const char* file = sqlite3_db_filename(db_, "main");
+  if (file == nullptr || file[0] == '\0') return;
+  std::vector<std::string> mode;
+  char* err_msg = nullptr;
+  const int rc = sqlite3_exec(db_, "PRAGMA journal_mode=WAL;", CollectFirstColumn, &mode, &err_msg);
+  if (rc != SQLITE_OK || mode.empty() || mode[0] != "wal") {
+    // Typically another connection holds the database in the rollback
+    // journal's mode. This connection goes on in the mode the file has, with
+    // SQLite's default full syncs; the next open tries again.
+    const std::string reason = rc != SQLITE_OK ? (err_msg != nullptr ? err_msg : sqlite3_errstr(rc))
+                                               : "journal_mode=" + (mode.empty() ? "" : mode[0]);
+    DB_LOG_ERROR(
+        "ERROR! Write-ahead log not set, the database keeps its journal mode: err_msg='%s'",
+        reason.c_str());
+    sqlite3_free(err_msg);
+    return;
+  }
+  // In write-ahead mode NORMAL syncs the log only at checkpoints: a commit
+  // that returned survives a crash of the process, and a power loss can lose
+  // the last commits but not corrupt the file. Per connection, no I/O.
+  sqlite3_exec(db_, "PRAGMA synchronous=NORMAL;", nullptr, nullptr, nullptr);
+}
+
+void SqliteAPI::CreateMissingOwnerIndexes() {
+  // Side tables are told by their owner column too: "repeated_field_table_a_"
+  // is also the start of the side tables of a table "a_b".
+  const std::string prefix = CompositeFieldTableName(table_name_, "");
+  char* query = sqlite3_mprintf(
+      "SELECT m.name FROM sqlite_master AS m WHERE m.type='table' AND substr(m.name,1,%d)='%q' "
+      "AND EXISTS (SELECT 1 FROM pragma_table_info(m.name) AS c WHERE c.name='ID_%q') "
+      "AND NOT EXISTS (SELECT 1 FROM sqlite_master AS i WHERE i.type='index' AND "
+      "i.name=m.name||'%q');",
+      static_cast<int>(prefix.size()), prefix.c_str(), table_name_.c_str(), kOwnerIndexSuffix);
+  if (query == nullptr) return;
+  std::vector<std::string> side_tables;
+  ExecuteQuery(query, CollectFirstColumn, &side_tables);
+  sqlite3_free(query);
+  for (const std::string& side_table : side_tables) CreateOwnerIndex(side_table);
+}
+
+int SqliteAPI::CreateOwnerIndex(const std::string& side_table) {
+  return ExecuteQuery("CREATE INDEX IF NOT EXISTS \"" + OwnerIndexName(side_table) + "\" ON " +
+                          side_table + "(ID_" + table_name_ + ");",
+                      Callback, nullptr);
 }
 
 int SqliteAPI::Disconnect() {
@@ -217,6 +282,10 @@ std::string SqliteAPI::CompositeFieldTableName(const std::string& table, const s
   // side table; names are expected not to collide that way.
   name.append("repeated_field_table_").append(table).append("_").append(field);
   return name;
+}
+
+std::string SqliteAPI::OwnerIndexName(const std::string& side_table) {
+  return side_table + kOwnerIndexSuffix;
 }
 
 std::string SqliteAPI::GetFieldSqlType(const Attribute& attribute) {
@@ -352,10 +421,15 @@ int SqliteAPI::CreateCompositeFieldsTables(const CompositeFields& composite_sche
 }
 
 int SqliteAPI::AddCompositeField(const std::string& name, const CompositeField& field) {
-  const std::string query = "CREATE TABLE " + CompositeFieldTableName(table_name_, name) +
-                            "(ID INTEGER PRIMARY KEY, ID_" + table_name_ + " INTEGER, " + name +
-                            " " + GetFieldSqlType(field) + ");";
-  return ExecuteQuery(query, Callback, nullptr);
+  const std::string side_table = CompositeFieldTableName(table_name_, name);
+  const std::string query = "CREATE TABLE " + side_table + "(ID INTEGER PRIMARY KEY, ID_" +
+                            table_name_ + " INTEGER, " + name + " " + GetFieldSqlType(field) + ");";
+  const int rc = ExecuteQuery(query, Callback, nullptr);
+  if (rc != kOk) return rc;
+  // The field exists now. Without its index (the failure is logged) it only
+  // reads slower, and the next open of the table creates it.
+  CreateOwnerIndex(side_table);
+  return kOk;
 }
 
 int SqliteAPI::AddScalarField(const std::string& name, const Attribute& prototype) {

@@ -3,6 +3,13 @@
 //   main table T:           ID INTEGER PRIMARY KEY, then one column per scalar field
 //   side table per field F: "repeated_field_table_" T "_" F with
 //                           ID INTEGER PRIMARY KEY, ID_T INTEGER, F <type>
+//   owner index per side table S: "S:owner" on ID_T, so that the elements of
+//                           one record are found without a scan
+//
+// A file database is switched to the write-ahead log with synchronous=NORMAL
+// when it is opened: a process crash loses no returned write, a power loss may
+// lose the last writes but never corrupts the file, and readers go on while
+// one connection writes. A read-only connection changes nothing at all.
 //
 // Values are written as SQL text: integers and floats as their ToString()
 // text, strings and byte vectors quoted, with quotes doubled and the bytes 0x00
@@ -60,7 +67,9 @@ class SqliteAPI : public DatabaseAPI {
 
   // Opens `name` (a file path, or with `in_memory` the shared in-memory
   // database "file:NAME?mode=memory&cache=shared"). Never throws; a failed
-  // open leaves the object unconnected.
+  // open leaves the object unconnected. A writable connection then switches a
+  // file to the write-ahead log (a failure is logged and the file keeps its
+  // mode) and creates the owner indexes that this table's side tables lack.
   SqliteAPI(const std::string& name, const std::string& table, bool in_memory);
   ~SqliteAPI() override;
 
@@ -74,7 +83,8 @@ class SqliteAPI : public DatabaseAPI {
   int AddTableIndex(const std::string& index_name, const std::vector<std::string>& fields) override;
   // ALTER TABLE ... ADD: stored records hold NULL, read back as unset.
   int AddScalarField(const std::string& name, const Attribute& prototype) override;
-  // Creates the side table of the repeated field `name`.
+  // Creates the side table of the repeated field `name`, then its owner
+  // index (a failure of the index is logged; the result is the table's).
   int AddCompositeField(const std::string& name, const CompositeField& field) override;
   // Drops the side tables, then the main table.
   int DestroyTable(const CompositeFields& composite_schema) override;
@@ -125,6 +135,10 @@ class SqliteAPI : public DatabaseAPI {
 
   // "repeated_field_table_" + table + "_" + field.
   static std::string CompositeFieldTableName(const std::string& table, const std::string& field);
+  // side_table + ":owner": the index on a side table's owner column. No
+  // identifier written without quotes can hold ":", so this name never meets
+  // an application's index or a table of the library.
+  static std::string OwnerIndexName(const std::string& side_table);
   // "INTEGER", "TEXT", "REAL" or "BLOB" by the kind of the value held.
   static std::string GetFieldSqlType(const Attribute& attribute);
   // By the element type: 0 "INTEGER", 1 "TEXT", 2 "REAL", anything else "BLOB".
@@ -161,6 +175,13 @@ class SqliteAPI : public DatabaseAPI {
   int RetrieveCompositeField(uint32_t id, CompositeFields* composite) const;
 
  private:
+  // PRAGMA journal_mode=WAL and synchronous=NORMAL on a file database.
+  void UseWriteAheadLog();
+  // The owner index of every side table of this table that has none: the
+  // tables of a database written before these indexes existed.
+  void CreateMissingOwnerIndexes();
+  int CreateOwnerIndex(const std::string& side_table);
+
   std::string table_name_;
   sqlite3* db_ = nullptr;
   bool connected_ = false;

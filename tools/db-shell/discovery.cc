@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <set>
@@ -127,6 +129,27 @@ bool SqlTypeToAttributeType(const std::string& sql_type, db::AttributeType* type
   if (found == kTypes.end()) return false;
   *type = found->second;
   return true;
+}
+
+void EnableSqliteUris() { sqlite3_config(SQLITE_CONFIG_URI, 1); }
+
+std::string SqliteReadOnlyName(const std::string& path) {
+  std::error_code ignored;
+  const std::string absolute = std::filesystem::absolute(path, ignored).string();
+  // An empty authority ("file://" then the absolute path) keeps a path that
+  // starts with "//" a path. Only "%", "?" and "#" have a meaning of their own
+  // in the path part.
+  std::string name = "file://";
+  for (const char c : absolute) {
+    if (c == '%' || c == '?' || c == '#') {
+      char escaped[4];
+      snprintf(escaped, sizeof(escaped), "%%%02X", static_cast<unsigned char>(c));
+      name += escaped;
+    } else {
+      name += c;
+    }
+  }
+  return name + "?mode=ro";
 }
 
 Discovery DiscoverSqlite(const std::string& path) {

@@ -38,6 +38,15 @@ struct Discovery {
   std::string error;
 };
 
+// Lets SQLite take "file:" URIs as database names where its build does not
+// already. Call before anything else uses SQLite.
+void EnableSqliteUris();
+
+// The name under which the library opens the SQLite file `path` read-only (a
+// "file:" URI with mode=ro): such a connection changes nothing in the file, so
+// the library neither switches its journal nor adds indexes.
+std::string SqliteReadOnlyName(const std::string& path);
+
 // Reads the tables of the SQLite file `path` through a read-only connection,
 // which is closed again before returning.
 Discovery DiscoverSqlite(const std::string& path);

@@ -240,6 +240,7 @@ int main(int argc, char** argv) {
   const int parsed = ParseArguments(argc, argv, &options);
   if (parsed >= 0) return parsed;
 
+  db_shell::EnableSqliteUris();
   FILE* log_stream = OpenLogStream(options.verbose);
   zlog_set_output(log_stream != nullptr ? log_stream : stderr);
   qelmw_t* mw = qelmw_create("db-shell");
@@ -262,8 +263,10 @@ int main(int argc, char** argv) {
       fprintf(stderr, "db-shell: %s: no tables found\n", options.path.c_str());
     }
     std::string error;
-    std::unique_ptr<db_shell::Shell> shell =
-        db_shell::Shell::Create(options.type, options.path, discovery.tables, &error);
+    std::unique_ptr<db_shell::Shell> shell = db_shell::Shell::Create(
+        options.type,
+        options.type == db::kSqlite ? db_shell::SqliteReadOnlyName(options.path) : options.path,
+        discovery.tables, &error);
     if (shell == nullptr) {
       fprintf(stderr, "db-shell: %s\n", error.c_str());
       status = kExitCannotOpen;
