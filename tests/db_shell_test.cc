@@ -41,13 +41,20 @@ std::string Quoted(const std::string& word) {
   return text + "'";
 }
 
+// The shell words that start db-shell with `args`.
+std::string ShellCommand(const std::vector<std::string>& args) {
+  std::string command;
+  for (const auto& word : db_test::ProgramCommand(DB_SHELL_PATH)) command += Quoted(word) + " ";
+  for (const auto& arg : args) command += Quoted(arg) + " ";
+  return command;
+}
+
 // Runs db-shell with `args` and `input` on standard input.
 ShellRun RunShell(const std::vector<std::string>& args, const std::string& input = "") {
   db_test::TempDir io;
   std::ofstream(io.File("in")) << input;
-  std::string command = Quoted(DB_SHELL_PATH);
-  for (const auto& arg : args) command += " " + Quoted(arg);
-  command += " <" + io.File("in") + " >" + io.File("out") + " 2>" + io.File("err");
+  std::string command = ShellCommand(args);
+  command += "<" + io.File("in") + " >" + io.File("out") + " 2>" + io.File("err");
   const int status = system(command.c_str());
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, db_test::ReadFile(io.File("out")),
           db_test::ReadFile(io.File("err"))};
@@ -305,8 +312,8 @@ TEST_P(DbShellTest, TerminalCompletesCommandWordsAndRecallsHistory) {
     }
     EXPECT_EQ(expected, screen);
   };
-  ASSERT_EQ(0, send("new-session -d -s shell -x 160 -y 50 \"" + Quoted(DB_SHELL_PATH) +
-                    " --leveldb " + Quoted(Path()) + "\""));
+  ASSERT_EQ(0, send("new-session -d -s shell -x 160 -y 50 \"" +
+                    ShellCommand({"--leveldb", Path()}) + "\""));
   wait_for("db-shell>");
   send("send-keys -t shell 'Get Si' Tab");  // completes the word, then a table name
   wait_for("db-shell> Get Size");

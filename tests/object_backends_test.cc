@@ -17,6 +17,7 @@
 #include "db/db_object.h"
 #include "id_generator.h"
 #include "sqlite_api.h"
+#include "support/leveldb_util.h"
 #include "support/sqlite_util.h"
 #include "support/test_util.h"
 
@@ -265,6 +266,33 @@ TEST_P(BackendTest, UnsetRepeatedElementsImposeNothing) {
   EXPECT_EQ(Ids(*object, {}, object->composite_schema()), (std::vector<uint32_t>{full, bare}));
   ASSERT_EQ(object->DeleteMultipleObjects(), 0);
   EXPECT_EQ(Ids(*object), (std::vector<uint32_t>{full}));
+}
+
+// The declared schema lives apart from the current record: after a read that
+// emptied the record (a LevelDB value that does not decode reads as nothing),
+// or after the caller emptied it, the object stores, reads and clears as before.
+TEST_P(BackendTest, EmptiedCurrentRecordLosesNoField) {
+  auto object = Open();
+  const Rec good{1, 0, "good", 1.0f, {1}, {7}};
+  const uint32_t id = Store(object.get(), good);
+  ScalarFields scalar;
+  CompositeFields composite;
+  if (is_leveldb()) {
+    const uint32_t damaged = Store(object.get(), Rec{});
+    PutRaw(db_name_, "records:" + std::to_string(damaged), "x,");
+    EXPECT_EQ(object->RetrieveObject(damaged, &scalar, &composite), 0);
+  } else {
+    object->scalar_fields().clear();
+  }
+  EXPECT_THAT(object->scalar_fields(), IsEmpty());
+  uint32_t stored = 0;
+  EXPECT_EQ(object->StoreObject(&stored), 0);
+  object->scalar_fields().clear();
+  EXPECT_EQ(object->UpdateObject(stored), 0);
+  object->scalar_fields().clear();
+  object->ClearObject();
+  EXPECT_EQ(object->scalar_fields().size(), ScalarsOf(good).size());
+  ExpectStored(*object, id, good);
 }
 
 // LevelDB keys hold ids as decimal text ("records:10" sorts before

@@ -80,7 +80,8 @@ class DB_INTF_EXPORT DbObject {
   int DestroyObjTables();
   // Deletes every record and gives every removed id back to the allocator.
   int ClearObjTable();
-  // Empties the current record, keeping the schema.
+  // Empties the current record, keeping the schema: every field unset, every
+  // repeated field empty, declared fields the record had lost put back.
   void ClearObject();
   // Makes the process-wide id allocator agree with the ids stored in this
   // table. Returns -1 when not connected, otherwise last_id minus the number of
@@ -163,13 +164,15 @@ class DB_INTF_EXPORT DbObject {
                                   const std::string& table_name, bool in_memory);
 
   // ---- Current record and schema.
-  // The scalar schema and the current record's scalar values: one Attribute
-  // per declared field.
+  // The current record's scalar values: one Attribute per declared field.
   ScalarFields& scalar_fields() { return scalar_fields_; }
   const ScalarFields& scalar_fields() const { return scalar_fields_; }
   // The declared repeated fields with the current record's elements.
   CompositeFields& composite_fields() { return composite_fields_; }
   const CompositeFields& composite_fields() const { return composite_fields_; }
+  // The declared scalar fields with their prototypes, kept apart from the
+  // current record so that a read that empties the record loses no field.
+  const ScalarFields& scalar_schema() const { return scalar_schema_; }
   // Every repeated field with its type and one unset element.
   const CompositeFields& composite_schema() const { return composite_schema_; }
   // Display name and PrintFormat of every declared field.
@@ -192,11 +195,15 @@ class DB_INTF_EXPORT DbObject {
  private:
   // Resynchronises the id allocator for the first object of `db_name`.
   void RegisterDatabase(const std::string& db_name);
+  // Puts every declared scalar field that the current record lacks back into
+  // it, unset, before the record goes to the backend.
+  void CompleteCurrentRecord() const;
 
   mutable ScalarFields scalar_fields_;
   mutable CompositeFields composite_fields_;
   bool tables_created_ = false;
   std::unique_ptr<DatabaseAPI> db_api_;
+  ScalarFields scalar_schema_;
   CompositeFields composite_schema_;
   StreamableInfo streamable_info_;
   TableIndexes table_indexes_;

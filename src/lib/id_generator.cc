@@ -6,8 +6,10 @@
 namespace db {
 
 IdGenerator& IdGenerator::GetInstance() {
-  static IdGenerator the_instance_;
-  return the_instance_;
+  // Never destroyed: a DbObject held in a static may give its ids back after
+  // every function-local static of the library is gone.
+  static IdGenerator* const the_instance_ = new IdGenerator();
+  return *the_instance_;
 }
 
 uint32_t IdGenerator::Next() {

@@ -25,7 +25,7 @@ class IdGenerator {
   // adjacent, in ascending order.
   using FreeRanges = std::map<uint32_t, uint32_t>;
 
-  // The process-wide instance, created empty on first use.
+  // The process-wide instance, created empty on first use and never destroyed.
   static IdGenerator& GetInstance();
 
   IdGenerator(const IdGenerator&) = delete;
