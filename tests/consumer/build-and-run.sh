@@ -5,7 +5,7 @@
 # Usage: build-and-run.sh PREFIX CONSUMER_SOURCE_DIR CMAKE WORK_DIR
 set -euo pipefail
 prefix=$1 src=$2 cmake=$3 work=$4
-pcdir=$(ls -d "$prefix"/lib*/pkgconfig | head -n 1)
+pcdir=$(dirname "$(find "$prefix" -name db-intf.pc -print -quit)")
 libdir=$(dirname "$pcdir")
 
 "$cmake" -S "$src" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null

@@ -4,9 +4,9 @@
 # depended on), contents, the manual pages against the programs' --help; then
 # unpacks them into a scratch root with dpkg -x (nothing is installed, no root
 # needed) and builds and runs the consumer against that root.
-# Usage: check.sh BUILD_DIR CONSUMER_SOURCE_DIR CMAKE CPACK VERSION
+# Usage: check.sh BUILD_DIR CONSUMER_SOURCE_DIR CMAKE CPACK VERSION LIBDIR
 set -euo pipefail
-build=$1 consumer=$2 cmake=$3 cpack=$4 version=$5
+build=$1 consumer=$2 cmake=$3 cpack=$4 version=$5 libdir=usr/$6
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "packaging-check: $*" >&2; exit 1; }
@@ -20,8 +20,8 @@ arch=$(dpkg --print-architecture)
 # Package name, then the only files it may hold (an extended regex over the
 # paths), then the files it must hold.
 packages=(
-  "$lib;^usr/lib/lib(db-intf|elem-platform)\.so\.[0-9.]+$;usr/lib/libdb-intf.so.1 usr/lib/libelem-platform.so.1"
-  "libdb-intf-dev;^usr/(include/(db|elem-platform)/[a-z_]+\.h|lib/lib(db-intf|elem-platform)\.so|lib/cmake/db-intf/[-a-zA-Z]+\.cmake|lib/pkgconfig/db-intf\.pc)$;usr/include/db/db.h usr/lib/libdb-intf.so usr/lib/cmake/db-intf/db-intfConfig.cmake usr/lib/pkgconfig/db-intf.pc"
+  "$lib;^$libdir/lib(db-intf|elem-platform)\.so\.[0-9.]+$;$libdir/libdb-intf.so.1 $libdir/libelem-platform.so.1"
+  "libdb-intf-dev;^(usr/include/(db|elem-platform)/[a-z_]+\.h|$libdir/(lib(db-intf|elem-platform)\.so|cmake/db-intf/[-a-zA-Z]+\.cmake|pkgconfig/db-intf\.pc))$;usr/include/db/db.h $libdir/libdb-intf.so $libdir/cmake/db-intf/db-intfConfig.cmake $libdir/pkgconfig/db-intf.pc"
   "db-intf-tools;^usr/(bin/(db-shell|ipc-router|ipc-status)|share/man/man1/(db-shell|ipc-router|ipc-status)\.1\.gz)$;usr/bin/db-shell usr/bin/ipc-router usr/bin/ipc-status usr/share/man/man1/db-shell.1.gz usr/share/man/man1/ipc-router.1.gz usr/share/man/man1/ipc-status.1.gz"
 )
 summaries=()
@@ -69,7 +69,7 @@ done
 # have a synopsis.
 options() { grep -oE -- '--?[a-zA-Z][-a-zA-Z]*' | sort -u; }
 for program in db-shell ipc-router ipc-status; do
-  help=$(LD_LIBRARY_PATH=$root/usr/lib "$root/usr/bin/$program" --help) || fail "$program --help failed"
+  help=$(LD_LIBRARY_PATH=$root/$libdir "$root/usr/bin/$program" --help) || fail "$program --help failed"
   page=$(gzip -dc "$root/usr/share/man/man1/$program.1.gz")
   grep -qx '.SH SYNOPSIS' <<<"$page" || fail "$program.1 has no synopsis (a 'Usage:' line in --help)"
   in_help=$(grep -E '^ +-' <<<"$help" | sed -E 's/^ +//; s/ {2,}.*//' | options)
