@@ -373,6 +373,14 @@ TEST_P(BackendTest, OneLargeStoredIdOpensAtOnce) {
   for (uint32_t expected : {3u, 4u, 5u}) EXPECT_EQ(db::DbObject::GetNextId(), expected);
 }
 
+// A field named like the main table's ID column, in any letter case, cannot
+// be created on SQLite (the README's rules for names); LevelDB takes it.
+TEST_P(BackendTest, FieldNamedIdOnlyOnLevelDb) {
+  db::DbObject object(db_name_, "records", in_memory(), type());
+  ASSERT_EQ(object.AppendScalarAttribute("iD", Attribute(db::kInteger), db::kDefault), 0);
+  EXPECT_EQ(object.CreateObjTables(), is_leveldb() ? 0 : -1);
+}
+
 std::string dumped;
 
 // SQLite dumps the table to the printer; LevelDB does not support dumps.
