@@ -526,6 +526,20 @@ TEST(IdGeneratorTest, HandsOutSmallestReleasedIdThenCounts) {
   RunScript("+4294967295 +0 +1", UINT32_MAX - 1);  // the counter wraps to zero
 }
 
+// Free ids merge into ranges that touch or overlap; the count follows.
+TEST(IdGeneratorTest, FreeIdsAreMergedRanges) {
+  using Ranges = db::IdGenerator::FreeRanges;
+  db::IdGenerator& generator = db::IdGenerator::GetInstance();
+  generator.Reset();
+  for (uint32_t id : {5u, 3u, 9u, 4u, 4u, UINT32_MAX, UINT32_MAX - 1}) generator.Release(id);
+  EXPECT_EQ(generator.free_ranges(), (Ranges{{3, 5}, {9, 9}, {UINT32_MAX - 1, UINT32_MAX}}));
+  EXPECT_EQ(generator.free_count(), 6u);
+  generator.ReleaseRange(6, 8);
+  for (uint32_t id : {0u, 1u, 4u, 3u, 10u, UINT32_MAX}) generator.Take(id);
+  EXPECT_EQ(generator.free_ranges(), (Ranges{{5, 9}, {UINT32_MAX - 1, UINT32_MAX - 1}}));
+  EXPECT_EQ(generator.free_count(), 6u);
+}
+
 TEST_F(DbObjectTest, RepeatedFieldLines) {
   const Attribute unset(db::kInteger);
   const std::vector<std::pair<std::vector<Attribute>, std::string>> cases = {
