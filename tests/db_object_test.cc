@@ -470,6 +470,9 @@ TEST(DbObjectResynchronizeTest, StoredIdsBelowLastIdAreTakenOutOfFreeSet) {
   EXPECT_EQ(db::IdGenerator::GetInstance().last_id(), 6u);
   EXPECT_EQ(FreeIds(), (std::set<uint32_t>{2}));
   EXPECT_EQ(object.ResynchronizeDb(false), 5);
+  // A largest stored id equal to last_id frees nothing, even for a first object.
+  object.backend().records()[6] = FakeBackend::Record{};
+  EXPECT_EQ(object.ResynchronizeDb(true), 5);
 }
 
 TEST(DbObjectResynchronizeTest, EmptyOrUnreadableTableReturnsZeroAndClearsRecord) {
