@@ -242,11 +242,14 @@ TEST(DbShellOpenTest, CannotOpenOrWrongArgumentsExitsTwo) {
   db_test::TempDir dir;
   std::filesystem::create_directory(dir.File("empty"));
   std::ofstream(dir.File("text.sqlite")) << "this is not a database\n";
+  std::filesystem::create_directory(dir.File("bad"));
+  std::ofstream(dir.File("bad/CURRENT")) << "MANIFEST-000009";
   const std::string e = dir.File("empty"), t = dir.File("text.sqlite");
   const std::vector<std::pair<std::vector<std::string>, const char*>> cases = {
       {{"--sqlite", dir.File("missing.sqlite")}, "No such file"},
       {{"--leveldb", dir.File("missing")}, "No such file"},
       {{"--leveldb", e}, "not a LevelDB database"},
+      {{"--leveldb", dir.File("bad")}, "CURRENT file does not end with newline"},
       {{"--sqlite", t}, "not a SQLite database"},
       {{}, "give one of --sqlite FILE and --leveldb DIR"},
       {{"--sqlite"}, "needs a value"},
