@@ -48,10 +48,8 @@ TEST(LevelDbConnectorTest, AcquiresShareOneCountedHandleUntilTheLastRelease) {
   EXPECT_TRUE(connector.ReleaseConnection(path));
 }
 
-// Daemons keep objects in statics. This one is constructed before the
-// library's singletons are first used, so it is destroyed after them at exit;
-// its destructor still releases its handle cleanly (AddressSanitizer reports a
-// use of freed memory otherwise). The directory outlives it.
+// Daemons keep objects in statics. This one is destroyed at exit after the
+// library's first-use singletons would be; it must still close cleanly.
 db_test::TempDir static_dir;
 std::unique_ptr<DbObject> static_object;
 
