@@ -16,15 +16,20 @@
 
 namespace {
 
+// The manual page is generated from this text (help2man): a "Usage:" line,
+// paragraphs separated by blank lines, options indented with their
+// descriptions two blanks or more to the right.
 constexpr const char* kUsage =
-    "usage: ipc-router [--socket PATH] [--status]\n"
-    "  Routes messages between the endpoints of this node (db/ipc.h).\n"
+    "Usage: ipc-router [--socket PATH] [--status]\n"
+    "\n"
+    "Routes messages between the endpoints of this node (db/ipc.h).\n"
+    "Stops on SIGTERM or SIGINT and removes its socket file.\n"
+    "\n"
     "  --socket PATH  the Unix socket to serve, else $IPC_ROUTER_SOCKET,\n"
     "                 else /run/ipc-router.sock (created with mode 0660)\n"
     "  --status       print the endpoints, watches, finds and counters of the\n"
     "                 router serving the socket, then exit\n"
-    "  --help         this text\n"
-    "  Stops on SIGTERM or SIGINT and removes its socket file.\n";
+    "  --help         this text\n";
 
 int stop_pipe[2] = {-1, -1};
 
