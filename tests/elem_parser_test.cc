@@ -85,6 +85,8 @@ TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
   ok(kIpPrefixLen, kBytes, "10.0.0.0/12", V(Bytes{10, 0, 0, 0, 255, 240, 0, 0}));
   ok(kIpPrefixLen, kBytes, "2001:db8::/64@02:00:00:00:00:01",
      V(Bytes{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xfe, 0, 0, 1, 64}));
+  ok(kIpPrefixLen, kBytes, "fe80::1/128",
+     V(Bytes{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 128}));
   ok(kMac, kString, "AA:bb:cc:dd:ee:ff", V(std::string("AA:bb:cc:dd:ee:ff")));
   ok(kUnsigned, kInteger, "2147483648", V(INT32_MIN));
   ok(kDefault, kString, "a b", V(std::string("a b")));
