@@ -96,6 +96,11 @@ TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
   fails(kDefault, kFloat, "x", "FromDefault(): ERROR! Exception 'stof' caught. value 'x' \n");
   fails(kHex, kBytes, "0xABC",
         "FromHex(): ERROR! Exception 'ParseHexString' caught. value '0xABC' \n");
+  fails(kHex, kBytes, "0xAG",
+        "FromHex(): ERROR! Exception 'ParseHexString' caught. value '0xAG' \n");
+  fails(kIpPrefixLen, kBytes, "10.0.0.0/0:",
+        "FromIpAddrPrefix(): ERROR! Exception 'prefix length' caught. value '10.0.0.0/0:' is not "
+        "an IP\n");
   fails(kHex, kFloat, "0x1", "FromHex(): ERROR! Invalid attr 2\n");
   fails(kIpAddress, kBytes, "1.2.3",
         "FromIp(): ERROR! Exception 'IpTextToBin' caught. value '1.2.3' is not an IP\n");
