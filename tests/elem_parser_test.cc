@@ -102,6 +102,7 @@ TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
         "FromIpAddrPrefix(): ERROR! Exception 'prefix length' caught. value '10.0.0.0/0:' is not "
         "an IP\n");
   fails(kHex, kFloat, "0x1", "FromHex(): ERROR! Invalid attr 2\n");
+  fails(kIpAddress, kInteger, "10.0.0.1", "FromIp(): ERROR! Invalid attr 0\n");
   fails(kIpAddress, kBytes, "1.2.3",
         "FromIp(): ERROR! Exception 'IpTextToBin' caught. value '1.2.3' is not an IP\n");
   fails(kIpPrefixLen, kBytes, "2001:db8::/96@02:00:00:00:00:01",
