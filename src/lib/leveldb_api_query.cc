@@ -212,9 +212,9 @@ bool LeveldbAPI::IsValidSchemaForRetrieveRecords(const ScalarFields& filter) con
 void LeveldbAPI::CompleteScalarSchema(ScalarFields& filter) const {
   // Stored values are decoded by position in the schema, so the filter must
   // name every field; the added ones are unset and match anything.
-  const ScalarFields& schema = table_->scalar_schema();
-  if (filter.size() >= schema.size()) return;
-  for (const auto& field : schema) filter.emplace(field.first, Attribute(field.second.type()));
+  for (const auto& field : table_->scalar_schema()) {
+    filter.emplace(field.first, Attribute(field.second.type()));
+  }
 }
 
 bool LeveldbAPI::CompareValue(const ScalarFields& record, const ScalarFields& filter) const {
