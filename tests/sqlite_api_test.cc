@@ -318,12 +318,14 @@ TEST_F(SqliteApiTest, ConversionErrorReachesTheCallerAndLeavesNoTransaction) {
   db_test::RawDb(dir_.File("db.sqlite"))
       .Query(
           "INSERT INTO T (ID, a) VALUES (1, 'abc'), (2, 3);"
-          "INSERT INTO repeated_field_table_T_f (ID_T, f) VALUES (2, 'abc');");
+          "INSERT INTO repeated_field_table_T_f (ID_T, f) VALUES (2, 'abc'), (2, 'def');");
   ScalarFields scalar = Schema();
   CompositeFields composite = CompositeSchema();
+  log_.Clear();
   EXPECT_THROW(api_.RetrieveRecord(1, &scalar, &composite), std::invalid_argument);
   EXPECT_THROW(api_.RetrieveRecord(2, &scalar, &composite), std::invalid_argument);
   EXPECT_EQ(api_.BeginTransaction(), 0);
+  EXPECT_THAT(log_.Lines(), IsEmpty()) << "the rows after the failing one are skipped quietly";
 }
 
 // The stored text of the owner index of side table repeated_field_table_T_F.
