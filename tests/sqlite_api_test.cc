@@ -311,6 +311,8 @@ TEST_F(SqliteApiTest, PrintDatabaseDumpsMainAndSideTables) {
             0);
   EXPECT_EQ(printed, "ID = 1\na = 1\nb = x\nc = NULL\nd = NULL\n\nID = 1\nID_T = 1\nf = 3\n\n");
   EXPECT_EQ(api_.PrintDatabase({{"missing", {kInteger, {}}}}, nullptr), -1);
+  EXPECT_EQ(api_.Disconnect(), SQLITE_OK);
+  EXPECT_EQ(api_.handle(), nullptr) << "closed, so that closing again does nothing";
 }
 
 TEST_F(SqliteApiTest, ConversionErrorReachesTheCallerAndLeavesNoTransaction) {
