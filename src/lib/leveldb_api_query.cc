@@ -217,28 +217,6 @@ void LeveldbAPI::CompleteScalarSchema(ScalarFields& filter) const {
   }
 }
 
-bool LeveldbAPI::CompareValue(const ScalarFields& record, const ScalarFields& filter) const {
-  for (const auto& field : filter) {
-    if (!field.second.is_set()) continue;
-    const auto stored = record.find(field.first);
-    if (stored == record.end() || stored->second != field.second) return false;
-  }
-  return true;
-}
-
-bool LeveldbAPI::CompositeIntersectionIsEmpty(const CompositeFields& a,
-                                              const CompositeFields& b) const {
-  for (const auto& field : b) {
-    const auto other = a.find(field.first);
-    if (other == a.end()) continue;
-    for (const auto& element : field.second.second) {
-      const auto& elements = other->second.second;
-      if (std::find(elements.begin(), elements.end(), element) != elements.end()) return false;
-    }
-  }
-  return true;
-}
-
 int LeveldbAPI::DeleteRecords(std::vector<uint32_t>* ids, const ScalarFields& scalar_filter,
                               const CompositeFields& composite_filter) {
   const int r = RetrieveRecords(ids, scalar_filter, composite_filter);
