@@ -145,6 +145,8 @@ TEST_F(LeveldbQueryTest, OrderAndRefusedFilters) {
   // repeated-field condition after it.
   ASSERT_TRUE(LevelDbConnector::GetInstance().LookupConnection(path_)->Delete({}, "T:10").ok());
   EXPECT_EQ(api->RetrieveRecords(&ids, {{"a", Set(1)}, {"c", Set(1)}}, Tags({5})), -4);
+  EXPECT_EQ(Query(*api, {{"a", Set(1)}}), (Ids{9, 10}))
+      << "what the index answers alone is not read";
   PutRaw(path_, "T:9", "3,5,5,5,1");
   EXPECT_THROW(Query(*api, {{"a", Set(1)}, {"c", Set(1)}}), std::out_of_range);
 }

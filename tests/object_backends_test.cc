@@ -368,6 +368,7 @@ TEST_P(BackendTest, HostileValuesRoundTripAndChangeNoOtherRecord) {
     object->composite_fields()["notes"].second = {Val(text), Val("'" + text)};
     ASSERT_EQ(*id == 0 ? object->StoreObject(id) : object->UpdateObject(*id), 0);
     ExpectStored(*object, *id, r);
+    EXPECT_THAT(Ids(*object, {{"label", Val(text)}}), ElementsAre(*id)) << "matches itself only";
     EXPECT_EQ(object->composite_fields().at("notes").second,
               (std::vector<Attribute>{Val(text), Val("'" + text)}));
   };
@@ -410,7 +411,8 @@ TEST_P(BackendTest, PrintDatabasePerBackend) {
             is_leveldb() ? -2 : 0);
   EXPECT_THAT(dumped, is_leveldb() ? testing::Matcher<std::string>("")
                                    : testing::AllOf(HasSubstr("ID = 1\n"), HasSubstr("num = 41\n"),
-                                                    HasSubstr("label = dumped\n")));
+                                                    HasSubstr("label = dumped\n"),
+                                                    HasSubstr("ports = 7\n")));
 }
 
 INSTANTIATE_TEST_SUITE_P(AllBackends, BackendTest,

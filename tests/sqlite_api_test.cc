@@ -1,11 +1,14 @@
 // SqliteAPI driven directly: the exact statements each operation sends (seen
-// through SQLite's statement trace), result codes and error lines.
+// through SQLite's statement trace), result codes and error lines, and the
+// database as other programs see it through a separate sqlite3 connection.
 
 #include "sqlite_api.h"
 
 #include <sqlite3.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -20,7 +23,10 @@
 namespace db {
 namespace {
 
+using ::db_test::Bytes;
+using ::db_test::Flt;
 using ::db_test::Int;
+using ::db_test::Row;
 using ::db_test::Str;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -48,7 +54,9 @@ class SqliteApiTest : public ::testing::Test {
             {"d", Attribute(kBytes)}};
   }
   static CompositeFields CompositeSchema() {
-    return {{"f", {kInteger, {Attribute(kInteger)}}}, {"g", {kString, {Attribute(kString)}}}};
+    return {{"f", {kInteger, {Attribute(kInteger)}}},
+            {"g", {kString, {Attribute(kString)}}},
+            {"h", {kFloat, {}}}};
   }
   int Count(const std::string& table) {
     int size = -1;
@@ -261,10 +269,10 @@ TEST_F(SqliteApiTest, FailureInsideTransactionLeavesItOpen) {
   CreateDefaultTable();
   ASSERT_EQ(api_.StoreRecord(1, {{"a", Int(1)}}, {}), 0);
   log_.Clear();
-  // "h" has no side table: the removal fails after BEGIN and after the scalar update.
-  EXPECT_EQ(api_.UpdateRecord(1, {{"a", Int(2)}}, {{"h", {kInteger, {Int(1)}}}}), -1);
+  // "x" has no side table: the removal fails after BEGIN and after the scalar update.
+  EXPECT_EQ(api_.UpdateRecord(1, {{"a", Int(2)}}, {{"x", {kInteger, {Int(1)}}}}), -1);
   EXPECT_TRUE(
-      log_.Contains("ERROR! sqlite3_exec: err_msg='no such table: repeated_field_table_T_h'"));
+      log_.Contains("ERROR! sqlite3_exec: err_msg='no such table: repeated_field_table_T_x'"));
   EXPECT_EQ(api_.EndTransaction(), 0);  // it was still open
   EXPECT_THAT(db_test::RawDb(dir_.File("db.sqlite")).Query("SELECT a FROM T;"),
               ElementsAre(db_test::Row{"2"}));
@@ -303,6 +311,8 @@ TEST_F(SqliteApiTest, PrintDatabaseDumpsMainAndSideTables) {
             0);
   EXPECT_EQ(printed, "ID = 1\na = 1\nb = x\nc = NULL\nd = NULL\n\nID = 1\nID_T = 1\nf = 3\n\n");
   EXPECT_EQ(api_.PrintDatabase({{"missing", {kInteger, {}}}}, nullptr), -1);
+  EXPECT_EQ(api_.Disconnect(), SQLITE_OK);
+  EXPECT_EQ(api_.handle(), nullptr) << "closed, so that closing again does nothing";
 }
 
 TEST_F(SqliteApiTest, ConversionErrorReachesTheCallerAndLeavesNoTransaction) {
@@ -310,12 +320,106 @@ TEST_F(SqliteApiTest, ConversionErrorReachesTheCallerAndLeavesNoTransaction) {
   db_test::RawDb(dir_.File("db.sqlite"))
       .Query(
           "INSERT INTO T (ID, a) VALUES (1, 'abc'), (2, 3);"
-          "INSERT INTO repeated_field_table_T_f (ID_T, f) VALUES (2, 'abc');");
+          "INSERT INTO repeated_field_table_T_f (ID_T, f) VALUES (2, 'abc'), (2, 'def');");
   ScalarFields scalar = Schema();
   CompositeFields composite = CompositeSchema();
+  log_.Clear();
   EXPECT_THROW(api_.RetrieveRecord(1, &scalar, &composite), std::invalid_argument);
   EXPECT_THROW(api_.RetrieveRecord(2, &scalar, &composite), std::invalid_argument);
   EXPECT_EQ(api_.BeginTransaction(), 0);
+  EXPECT_THAT(log_.Lines(), IsEmpty()) << "the rows after the failing one are skipped quietly";
+}
+
+// The stored text of the owner index of side table repeated_field_table_T_F.
+Row OwnerIndex(const std::string& field) {
+  const std::string side = "repeated_field_table_T_" + field;
+  return Row{"CREATE INDEX \"" + side + ":owner\" ON " + side + "(ID_T)"};
+}
+
+TEST_F(SqliteApiTest, TablesAndStoredValues) {
+  CreateDefaultTable();
+  ASSERT_EQ(api_.AddScalarField("e", Attribute(kString)), 0);
+  ASSERT_EQ(api_.AddCompositeField("k", {kBytes, {}}), 0);
+  ASSERT_EQ(api_.AddTableIndex("idx_ab", {"a", "b"}), 0);
+  db_test::RawDb raw(dir_.File("db.sqlite"));
+  const std::string side = "CREATE TABLE repeated_field_table_T_";
+  EXPECT_THAT(
+      raw.Query("SELECT sql FROM sqlite_master ORDER BY name;"),
+      ElementsAre(Row{"CREATE TABLE T(ID INTEGER PRIMARY KEY , a INTEGER,b TEXT,c REAL,d "
+                      "BLOB, e TEXT)"},
+                  Row{"CREATE INDEX idx_ab ON T (a,b)"},
+                  Row{side + "f(ID INTEGER PRIMARY KEY, ID_T INTEGER, f INTEGER)"}, OwnerIndex("f"),
+                  Row{side + "g(ID INTEGER PRIMARY KEY, ID_T INTEGER, g TEXT)"}, OwnerIndex("g"),
+                  Row{side + "h(ID INTEGER PRIMARY KEY, ID_T INTEGER, h REAL)"}, OwnerIndex("h"),
+                  Row{side + "k(ID INTEGER PRIMARY KEY, ID_T INTEGER, k BLOB)"}, OwnerIndex("k")));
+  EXPECT_THAT(raw.Query("PRAGMA journal_mode;"), ElementsAre(Row{"wal"}));
+  int synchronous = -1;
+  ASSERT_EQ(api_.ExecuteQuery("PRAGMA synchronous;", CallbackSize, &synchronous), 0);
+  EXPECT_EQ(synchronous, 1);  // NORMAL
+
+  const ScalarFields record = {{"a", Int(-5)},
+                               {"b", Str("O'Brien")},
+                               {"c", Flt(3.14159265f)},
+                               {"d", Bytes({0x00, 'A', 0xFF})}};
+  const CompositeFields composite = {{"f", {kInteger, {Int(7), Int(-8)}}},
+                                     {"g", {kString, {Str(std::string("a\0b", 3))}}},
+                                     {"k", {kBytes, {Bytes({0xFF}), Bytes({})}}}};
+  ASSERT_EQ(api_.StoreRecord(12, record, composite), 0);
+  EXPECT_THAT(raw.Query("SELECT ID, a, typeof(a), b, c, typeof(c), hex(d), typeof(d), e FROM T;"),
+              ElementsAre(Row{"12", "-5", "integer", "O'Brien", "3.14159", "real", "FFFE41FFFF",
+                              "text", std::nullopt}));
+  EXPECT_THAT(raw.Query("SELECT ID_T, f FROM repeated_field_table_T_f ORDER BY ID;"),
+              ElementsAre(Row{"12", "7"}, Row{"12", "-8"}));
+  EXPECT_THAT(raw.Query("SELECT hex(g) FROM repeated_field_table_T_g UNION ALL "
+                        "SELECT hex(k) FROM repeated_field_table_T_k;"),
+              ElementsAre(Row{"61FFFE62"}, Row{"FFFF"}, Row{""}));
+
+  // A NULL column reads back unset, whatever the map held.
+  ScalarFields scalar = {{"e", Str("stale")}};
+  CompositeFields none;
+  ASSERT_EQ(api_.RetrieveRecord(12, &scalar, &none), 0);
+  EXPECT_EQ(scalar.at("e"), Attribute(kString));
+}
+
+TEST_F(SqliteApiTest, SharedInMemoryDatabase) {
+  SqliteAPI first(dir_.File("mem"), "T", true);
+  SqliteAPI second(dir_.File("mem"), "T", true);
+  ASSERT_EQ(first.CreateTable({{"a", Attribute(kString)}}, {}), 0);
+  ASSERT_EQ(first.StoreRecord(3, {{"a", Str("shared")}}, {}), 0);
+  ScalarFields scalar = {{"a", Attribute(kString)}};
+  CompositeFields composite;
+  ASSERT_EQ(second.RetrieveRecord(3, &scalar, &composite), 0);
+  EXPECT_EQ(scalar.at("a"), Str("shared"));
+  std::string journal;
+  ASSERT_EQ(second.ExecuteQuery("PRAGMA journal_mode;", CallbackPrint, &journal), 0);
+  EXPECT_EQ(journal, "journal_mode = memory\n\n");
+  int size = -1;
+  EXPECT_EQ(SqliteAPI(dir_.File("other_mem"), "T", true).GetTableSize(&size), -1);
+  EXPECT_FALSE(std::filesystem::exists(dir_.File("mem")));  // nothing on disk
+}
+
+// A database written before owner indexes existed gains them when a table is
+// opened writable, only for that table's own side tables, and once.
+TEST(SqliteOwnerIndex, AddedWhenAnOlderDatabaseIsOpenedAndDroppedWithItsTable) {
+  db_test::LogCapture log;
+  db_test::TempDir dir;
+  db_test::RawDb raw(dir.File("old.db"));
+  // The side table of table T_x starts with T's side-table prefix too.
+  raw.Query(
+      "CREATE TABLE T(ID INTEGER PRIMARY KEY );"
+      "CREATE TABLE repeated_field_table_T_f(ID INTEGER PRIMARY KEY, ID_T INTEGER, f INTEGER);"
+      "CREATE TABLE repeated_field_table_T_x_f(ID INTEGER PRIMARY KEY, ID_T_x INTEGER, f "
+      "INTEGER);");
+  const std::string indexes = "SELECT sql FROM sqlite_master WHERE type='index';";
+  {
+    SqliteAPI api(dir.File("old.db"), "T", false);
+    SqliteAPI again(dir.File("old.db"), "T", false);
+    EXPECT_THAT(raw.Query(indexes), ElementsAre(OwnerIndex("f")));
+    EXPECT_THAT(raw.Query("PRAGMA journal_mode;"), ElementsAre(Row{"wal"}));
+    EXPECT_EQ(api.DestroyTable({{"f", {kInteger, {}}}}), 0);
+  }
+  EXPECT_THAT(raw.Query(indexes), ElementsAre());
+  EXPECT_THAT(log.Lines(), ElementsAre());
 }
 
 }  // namespace

@@ -321,8 +321,7 @@ int LeveldbAPI::UpdateRecord(uint32_t id, const ScalarFields& scalars,
                              const CompositeFields& composites) {
   if (!CheckTableExistence() || !IsValidSchema(scalars, composites)) return kFailure;
   ScalarFields old_scalars = table_->scalar_schema();
-  CompositeFields old_composites;
-  if (!table_->composite_schema().empty()) old_composites = table_->composite_schema();
+  CompositeFields old_composites = table_->composite_schema();
   const int r = RetrieveRecord(id, &old_scalars, &old_composites);
   if (r != kOk) {
     DB_LOG_ERROR("ERROR: Failed to retrieve object, table='%s', id=%d", table_name_.c_str(),

@@ -109,8 +109,6 @@ class LeveldbAPI : public DatabaseAPI {
                            const CompositeFields& filter) const;
   bool IsValidSchemaForRetrieveRecords(const ScalarFields& filter) const;
   void CompleteScalarSchema(ScalarFields& filter) const;
-  bool CompareValue(const ScalarFields& record, const ScalarFields& filter) const;
-  bool CompositeIntersectionIsEmpty(const CompositeFields& a, const CompositeFields& b) const;
 
   std::unique_ptr<LevelDbTable> table_;
   std::unique_ptr<LevelDbIndex> index_;

@@ -212,31 +212,9 @@ bool LeveldbAPI::IsValidSchemaForRetrieveRecords(const ScalarFields& filter) con
 void LeveldbAPI::CompleteScalarSchema(ScalarFields& filter) const {
   // Stored values are decoded by position in the schema, so the filter must
   // name every field; the added ones are unset and match anything.
-  const ScalarFields& schema = table_->scalar_schema();
-  if (filter.size() >= schema.size()) return;
-  for (const auto& field : schema) filter.emplace(field.first, Attribute(field.second.type()));
-}
-
-bool LeveldbAPI::CompareValue(const ScalarFields& record, const ScalarFields& filter) const {
-  for (const auto& field : filter) {
-    if (!field.second.is_set()) continue;
-    const auto stored = record.find(field.first);
-    if (stored == record.end() || stored->second != field.second) return false;
+  for (const auto& field : table_->scalar_schema()) {
+    filter.emplace(field.first, Attribute(field.second.type()));
   }
-  return true;
-}
-
-bool LeveldbAPI::CompositeIntersectionIsEmpty(const CompositeFields& a,
-                                              const CompositeFields& b) const {
-  for (const auto& field : b) {
-    const auto other = a.find(field.first);
-    if (other == a.end()) continue;
-    for (const auto& element : field.second.second) {
-      const auto& elements = other->second.second;
-      if (std::find(elements.begin(), elements.end(), element) != elements.end()) return false;
-    }
-  }
-  return true;
 }
 
 int LeveldbAPI::DeleteRecords(std::vector<uint32_t>* ids, const ScalarFields& scalar_filter,

@@ -369,8 +369,7 @@ std::string SqliteAPI::GenerateFieldValuesQuery(const ScalarFields& scalar,
     query.append(" ").append(separator).append(" ");
   }
   // Drops the last separator and its blank; the blank before it stays.
-  const size_t tail = separator.size() + 1;
-  if (query.size() >= tail) query.erase(query.size() - tail);
+  if (!query.empty()) query.erase(query.size() - separator.size() - 1);
   return query;
 }
 
