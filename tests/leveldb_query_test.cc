@@ -117,6 +117,19 @@ TEST_F(LeveldbQueryTest, IndexAndScanAgreeWithTheRecords) {
   }
 }
 
+// A record is selected only when every repeated field of the filter matches,
+// not only the last one looked at.
+TEST_F(LeveldbQueryTest, EveryRepeatedFieldOfTheFilterMustMatch) {
+  auto two = [](int32_t p, int32_t q) {
+    return CompositeFields{{"p", {kInteger, {Set(p)}}}, {"q", {kInteger, {Set(q)}}}};
+  };
+  auto api = Open();
+  ASSERT_EQ(api->CreateTable(Record(), {{"p", {kInteger, {}}}, {"q", {kInteger, {}}}}), 0);
+  ASSERT_EQ(api->StoreRecord(1, Record(1), two(1, 2)), 0);
+  EXPECT_EQ(Query(*api, Record(), two(9, 2)), Ids{});
+  EXPECT_EQ(Query(*api, Record(), two(1, 2)), Ids{1});
+}
+
 TEST_F(LeveldbQueryTest, OrderAndRefusedFilters) {
   auto api = Created();
   ASSERT_EQ(api->StoreRecord(10, Record(1, "x", 1), Tags({5})), 0);
