@@ -1,8 +1,10 @@
 // Messaging through a real ipc-router, started by each test on a socket in a
 // fresh directory and stopped with it (also when the test dies).
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -17,6 +19,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -44,6 +47,14 @@ int RunRouter(const std::vector<std::string>& args, const std::string& out, bool
   if (!wait) return pid;
   waitpid(pid, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// How often `text` occurs in the file at `path`.
+int Occurrences(const std::string& path, const std::string& text) {
+  std::string log = db_test::ReadFile(path);
+  int n = 0;
+  for (size_t at = 0; (at = log.find(text, at)) != std::string::npos; ++at) ++n;
+  return n;
 }
 
 class IpcTest : public testing::Test {
@@ -85,12 +96,7 @@ class IpcTest : public testing::Test {
     EXPECT_EQ(RunRouter({"--status"}, dir_.File("status"), true), 0);
     return db_test::ReadFile(dir_.File("status"));
   }
-  int Count(const std::string& text) {
-    std::string log = db_test::ReadFile(dir_.File("router.log"));
-    int n = 0;
-    for (size_t at = 0; (at = log.find(text, at)) != std::string::npos; ++at) ++n;
-    return n;
-  }
+  int Count(const std::string& text) { return Occurrences(dir_.File("router.log"), text); }
   db_test::TempDir dir_;
   std::string sock_ = dir_.File("ipc.sock");
   pid_t router_ = 0;
@@ -245,6 +251,24 @@ uint32_t SizeOf(uint32_t seq) {
   return r % 32 == 0 ? (r >> 5) % (IPC_MAX_SIZE + 1) : (r >> 5) % 300;
 }
 
+// Sends messages 0 to n - 1 of type 1 to `to`.
+bool SendSequence(ipc_endpoint* ep, uint32_t to, uint32_t n) {
+  std::vector<uint8_t> buf(IPC_MAX_SIZE);
+  for (uint32_t seq = 0; seq < n; ++seq) {
+    uint32_t size = SizeOf(seq);
+    if (size >= 12) memcpy(&buf[4], &seq, 4), memcpy(&buf[size - 4], &seq, 4);
+    if (ipc_send(ep, to, 1, buf.data(), size) != 0) return false;
+  }
+  return true;
+}
+
+// True when `m` is message `seq` of a sequence, whole.
+bool IsMessage(const Message& m, uint32_t seq) {
+  const uint8_t* p = static_cast<const uint8_t*>(m ? m->data : nullptr);
+  return m && m->type == 1 && m->size == SizeOf(seq) &&
+         (m->size < 12 || (memcmp(p + 4, &seq, 4) == 0 && memcmp(p + m->size - 4, &seq, 4) == 0));
+}
+
 TEST_F(IpcTest, ManySendersArriveWholeOnceInOrder) {
   constexpr uint32_t kSenders = 4, kEach = 25000;
   ipc_endpoint* r = ipc_open("receiver");
@@ -253,27 +277,14 @@ TEST_F(IpcTest, ManySendersArriveWholeOnceInOrder) {
   for (uint32_t s = 0; s < kSenders; ++s) {
     children.push_back(Spawn([&] {
       ipc_endpoint* ep = ipc_open(("sender" + std::to_string(s)).c_str());
-      std::vector<uint8_t> buf(IPC_MAX_SIZE);
-      for (uint32_t seq = 0; seq < kEach; ++seq) {
-        uint32_t size = SizeOf(seq);
-        if (size >= 12) memcpy(&buf[4], &seq, 4), memcpy(&buf[size - 4], &seq, 4);
-        if (ipc_send(ep, to, 1, buf.data(), size) != 0) return 1;
-      }
-      ipc_close(ep);
-      return 0;
+      return SendSequence(ep, to, kEach) && ipc_close(ep) == 0 ? 0 : 1;
     }));
   }
   std::map<uint32_t, uint32_t> next;  // sender address -> next seq
   for (uint32_t n = 0; n < kSenders * kEach; ++n) {
     Message m = Receive(r);
     ASSERT_TRUE(m) << n;
-    uint32_t seq = next[m->sender]++;
-    const uint8_t* p = static_cast<const uint8_t*>(m->data);
-    ASSERT_EQ(m->size, SizeOf(seq));
-    if (m->size >= 12) {
-      ASSERT_EQ(memcmp(p + 4, &seq, 4), 0);
-      ASSERT_EQ(memcmp(p + m->size - 4, &seq, 4), 0);
-    }
+    ASSERT_TRUE(IsMessage(m, next[m->sender]++)) << n;
   }
   for (pid_t c : children) EXPECT_EQ(Join(c), 0);
   EXPECT_FALSE(Receive(r, 0));
@@ -455,7 +466,18 @@ TEST_F(IpcTest, ThousandEndpointsLeaveTheRouterFlat) {
 
 TEST_F(IpcTest, RouterProgram) {
   EXPECT_EQ(RunRouter({"--help"}, dir_.File("help"), true), 0);
-  EXPECT_NE(db_test::ReadFile(dir_.File("help")).find("--socket PATH"), std::string::npos);
+  EXPECT_NE(db_test::ReadFile(dir_.File("help")).find("--link PEER=HOST:PORT"), std::string::npos);
+  const std::vector<std::string> wrong[] = {{"--link", "B=127.0.0.1:1"},
+                                            {"--node", "a/b"},
+                                            {"--node", "A", "--link", "A=127.0.0.1:1"},
+                                            {"--node", "A", "--link", "B=1", "--link", "B=2"},
+                                            {"--node", "A", "--heartbeat-ms", "0"}};
+  for (const auto& args : wrong) EXPECT_EQ(RunRouter(args, dir_.File("wrong"), true), 2);
+  for (const char* at : {"127.0.0.1", "127.0.0.1:65536"}) {
+    EXPECT_EQ(RunRouter({"--socket", dir_.File("x.sock"), "--node", "A", "--listen", at},
+                        dir_.File("wrong"), true),
+              1);
+  }
   struct stat st;
   ASSERT_EQ(stat(sock_.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0660u);
@@ -475,6 +497,222 @@ TEST_F(IpcTest, RouterProgram) {
   ASSERT_TRUE(std::filesystem::exists(sock_));
   Start();  // serves again once it accepts
   EXPECT_EQ(Count("taking over stale socket"), 1);
+}
+
+// Routers of nodes linked over 127.0.0.1, each serving a socket of its own.
+class LinkTest : public testing::Test {
+ protected:
+  static constexpr int kBeatMs = 200;
+  static constexpr uint32_t kFound = 0xf00d;
+  void TearDown() override {
+    for (const auto& [node, pid] : pids_) {
+      int status = 0;
+      kill(pid, SIGCONT);
+      kill(pid, SIGTERM);
+      waitpid(pid, &status, 0);
+      EXPECT_EQ(status, 0) << Log(node);
+    }
+  }
+  // Starts the router of `node` listening on `port` (0: any) and dialling
+  // `peers` (node -> port); returns the port it listens on.
+  int Start(const std::string& node, int port, const std::map<std::string, int>& peers = {}) {
+    std::vector<std::string> args = {"--socket",       Sock(node),
+                                     "--node",         node,
+                                     "--heartbeat-ms", std::to_string(kBeatMs),
+                                     "--listen",       "127.0.0.1:" + std::to_string(port)};
+    for (const auto& [peer, at] : peers) {
+      args.insert(args.end(), {"--link", peer + "=127.0.0.1:" + std::to_string(at)});
+    }
+    size_t seen = Log(node).size();  // a restarted router appends
+    pids_[node] = RunRouter(args, dir_.File(node + ".log"), false);
+    std::string log, key = "links on 127.0.0.1:";
+    for (int i = 0; i < 1000 && (log = Log(node).substr(seen)).find("serving") == log.npos; ++i) {
+      usleep(10000);
+    }
+    return log.find(key) == log.npos ? 0 : atoi(log.c_str() + log.find(key) + key.size());
+  }
+  std::string Sock(const std::string& node) { return dir_.File(node + ".sock"); }
+  std::string Log(const std::string& node) { return db_test::ReadFile(dir_.File(node + ".log")); }
+  ipc_endpoint* Open(const std::string& node, const char* name) {
+    setenv("IPC_ROUTER_SOCKET", Sock(node).c_str(), 1);
+    return ipc_open(name);
+  }
+  // The local address of "NODE/name" found from `ep`, or 0.
+  uint32_t Find(ipc_endpoint* ep, const char* name) {
+    ipc_find(ep, name, kFound);
+    Message m = Receive(ep, 20000, {kFound});
+    return m ? m->sender : 0;
+  }
+  db_test::TempDir dir_;
+  std::map<std::string, pid_t> pids_;
+};
+
+sockaddr_in Loopback(int port) {
+  sockaddr_in at = {};
+  at.sin_family = AF_INET;
+  at.sin_port = htons(static_cast<uint16_t>(port));
+  at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return at;
+}
+
+// Connects to `port`, writes `bytes` and reads until the peer hangs up: true
+// when it does.
+bool HungUp(int port, const std::string& bytes) {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in to = Loopback(port);
+  timeval limit = {20, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+  ssize_t n = connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof(to)) == 0
+                  ? send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL)
+                  : -1;
+  char buf[4096];
+  while (n > 0) n = recv(fd, buf, sizeof(buf), 0);
+  close(fd);
+  return n == 0 || errno == ECONNRESET;
+}
+
+std::string Hello(const std::string& node) {
+  std::string frame = Frame(db::ipc::kHello, 0, 0, node);
+  frame[23] = 100;  // heartbeat ms: the last byte of the big-endian arg
+  return frame;
+}
+
+TEST_F(LinkTest, FindRequestReplyWatchAndBadPeers) {
+  int silent = socket(AF_INET, SOCK_STREAM, 0);  // node E: accepts links, never answers
+  sockaddr_in at = Loopback(0);
+  socklen_t len = sizeof(at);
+  ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&at), len) + listen(silent, 4), 0);
+  getsockname(silent, reinterpret_cast<sockaddr*>(&at), &len);
+  int port_b = Start("B", 0);
+  ipc_endpoint* x = Open("B", "x");  // before the link is up
+  int port_a = Start("A", 0, {{"B", port_b}, {"E", ntohs(at.sin_port)}});
+  int dialled = accept(silent, nullptr, nullptr);
+  // E dials while A's dial to E waits for an answer: A, first in order, keeps its own.
+  EXPECT_TRUE(HungUp(port_a, Hello("E")));
+  close(dialled);
+  ipc_endpoint* a = Open("A", "a");
+  uint32_t to_x = Find(a, "B/x");
+  ASSERT_NE(to_x, 0u);
+  ASSERT_EQ(ipc_find(a, "B/y", 2), 0);
+  ipc_endpoint* y = Open("B", "y");
+  uint32_t to_y = 0;
+  ASSERT_EQ(ipc_watch(a, to_x, 3), 1);
+  ASSERT_EQ(ipc_send(a, to_x, 10, "ping", 4), 0);
+  Message request = Receive(x);
+  ASSERT_TRUE(request && request->size == 4);
+  ASSERT_EQ(ipc_send(x, request->sender, 11, request->data, 4), 0);  // back the way it came
+  ipc_close(x);
+  for (uint32_t type : {2u, 11u, 3u}) {  // y found, the reply, x gone: each once
+    Message m = Receive(a, 20000);
+    ASSERT_TRUE(m);
+    EXPECT_EQ(m->type, type);
+    if (type == 2) to_y = m->sender;
+    EXPECT_EQ(m->sender, type == 2 ? to_y : to_x);
+    EXPECT_EQ(m->size, type == 11 ? 4u : 0u);
+  }
+  EXPECT_FALSE(Receive(a, 2 * kBeatMs));
+  RunRouter({"--socket", Sock("A"), "--status"}, dir_.File("status"), true);
+  std::string status = db_test::ReadFile(dir_.File("status"));
+  EXPECT_NE(status.find("  B/y\n"), std::string::npos) << status;
+  std::regex row("\n  B +up +[0-9]+ ms ago +1 +[0-9]+ +1 +[0-9]+  127.0.0.1:[0-9]+\n");
+  EXPECT_TRUE(std::regex_search(status, row)) << status;
+  // Peers that break the rules are dropped; the link to B goes on.
+  std::string huge = Frame(db::ipc::kLinkMessage, 0, 0, "");
+  huge.replace(4, 4, "\xff\xff\xff\xff");
+  const std::string bad[] = {"garbage, not a frame", Hello("C") + huge, Hello("A"), Hello("B"),
+                             Hello("D") + Frame(db::ipc::kLinkMessage, 1, 12345, "who?")};
+  for (const std::string& bytes : bad) EXPECT_TRUE(HungUp(port_a, bytes)) << bytes;
+  EXPECT_EQ(Occurrences(dir_.File("A.log"), "dropped link connection"), 4) << Log("A");
+  EXPECT_EQ(Occurrences(dir_.File("A.log"), " down ("), 2) << Log("A");
+  ASSERT_EQ(ipc_send(a, to_y, 1, "ok", 2), 0);
+  EXPECT_TRUE(Receive(y));
+  ipc_close(a);
+  ipc_close(y);
+  close(silent);
+}
+
+TEST_F(LinkTest, BackPressureOrderAndIntegrityAcrossALink) {
+  Start("A", 0, {{"B", Start("B", 0)}});
+  ipc_endpoint* slow = Open("B", "slow");
+  ipc_endpoint* quick_b = Open("B", "quick");
+  ipc_endpoint* a = Open("A", "a");
+  ipc_endpoint* quick_a = Open("A", "quick");
+  uint32_t to_slow = Find(a, "B/slow"), to_quick = Find(quick_a, "B/quick");
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  pid_t bulk = Spawn([&] {  // far more than the window and all buffers hold
+    ipc_endpoint* ep = Open("A", "bulk");
+    std::vector<uint8_t> buf(IPC_MAX_SIZE);
+    for (int i = 0; i < 200; ++i) {
+      buf[0] = static_cast<uint8_t>(i);
+      if (ipc_send(ep, to_slow, 1, buf.data(), IPC_MAX_SIZE) != 0) return 1;
+    }
+    return write(fds[1], "x", 1) == 1 ? 0 : 1;
+  });
+  usleep(300000);
+  for (uint32_t i = 0; i < 100; ++i) {  // others talk across the same link meanwhile
+    ASSERT_EQ(ipc_send(quick_a, to_quick, 2, &i, 4), 0);
+    Message m = Receive(quick_b);
+    ASSERT_TRUE(m);
+    ASSERT_EQ(ipc_send(quick_b, m->sender, 2, &i, 4), 0);
+    ASSERT_TRUE(Receive(quick_a));
+  }
+  pollfd p = {fds[0], POLLIN, 0};
+  EXPECT_EQ(poll(&p, 1, 0), 0) << "the sender was not held back";
+  for (int i = 0; i < 200; ++i) {
+    Message m = Receive(slow);
+    ASSERT_TRUE(m && m->size == IPC_MAX_SIZE);
+    ASSERT_EQ(static_cast<const uint8_t*>(m->data)[0], static_cast<uint8_t>(i));
+  }
+  EXPECT_EQ(Join(bulk), 0);
+  // Sequences both ways at once.
+  constexpr uint32_t kEach = 50000;
+  auto exchange = [](ipc_endpoint* ep, uint32_t to) {
+    bool ok = SendSequence(ep, to, kEach);
+    for (uint32_t seq = 0; ok && seq < kEach; ++seq) {
+      Message m = Receive(ep, 20000, {1});
+      ok = IsMessage(m, seq) && m->sender == to;
+    }
+    return ok;
+  };
+  pid_t far = Spawn([&] {
+    ipc_endpoint* ep = Open("B", "far");
+    return exchange(ep, Find(ep, "A/a")) ? 0 : 1;
+  });
+  EXPECT_TRUE(exchange(a, Find(a, "B/far")));
+  EXPECT_EQ(Join(far), 0);
+}
+
+TEST_F(LinkTest, LostLinkFiresWatchesOnceAndFindsStayArmed) {
+  const int port_a = Start("A", 0);
+  Start("B", 0, {{"A", port_a}});
+  ipc_endpoint* w = Open("A", "w");
+  std::vector<ipc_endpoint*> on_b = {Open("B", "x1"), Open("B", "x2")};
+  for (int sig : {SIGSTOP, SIGKILL}) {
+    uint32_t gone[2] = {Find(w, "B/x1"), Find(w, "B/x2")};
+    ASSERT_GT(ipc_watch(w, gone[0], 1), 0);
+    ASSERT_GT(ipc_watch(w, gone[1], 2), 0);
+    kill(pids_["B"], sig);
+    for (uint32_t type : {1u, 2u}) {
+      Message m = Receive(w, 30 * kBeatMs, {type});  // bound: 3 beats, and a generous margin
+      ASSERT_TRUE(m) << sig;
+      EXPECT_EQ(m->sender, gone[type - 1]);
+    }
+    EXPECT_FALSE(Receive(w, 3 * kBeatMs, {1, 2}));  // once
+    ASSERT_EQ(ipc_find(w, "B/x1", kFound), 0);      // armed while the link is down
+    kill(pids_["B"], SIGCONT);
+    if (sig == SIGKILL) {
+      waitpid(pids_["B"], nullptr, 0);
+      Start("B", 0, {{"A", port_a}});
+      for (ipc_endpoint* ep : on_b) ipc_close(ep);
+      on_b = {Open("B", "x1"), Open("B", "x2")};
+    }
+    Message found = Receive(w, 20000, {kFound});
+    ASSERT_TRUE(found) << sig;
+    EXPECT_NE(found->sender, gone[0]);
+  }
+  for (ipc_endpoint* ep : on_b) ipc_close(ep);
+  ipc_close(w);
 }
 
 }  // namespace
