@@ -681,6 +681,7 @@ TEST_F(LinkTest, BackPressureOrderAndIntegrityAcrossALink) {
   });
   EXPECT_TRUE(exchange(a, Find(a, "B/far")));
   EXPECT_EQ(Join(far), 0);
+  for (ipc_endpoint* ep : {slow, quick_b, a, quick_a}) ipc_close(ep);
 }
 
 TEST_F(LinkTest, LostLinkFiresWatchesOnceAndFindsStayArmed) {
