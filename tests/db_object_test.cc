@@ -470,6 +470,9 @@ TEST(DbObjectResynchronizeTest, StoredIdsBelowLastIdAreTakenOutOfFreeSet) {
   EXPECT_EQ(db::IdGenerator::GetInstance().last_id(), 6u);
   EXPECT_EQ(FreeIds(), (std::set<uint32_t>{2}));
   EXPECT_EQ(object.ResynchronizeDb(false), 5);
+  // A largest stored id equal to last_id frees nothing, even for a first object.
+  object.backend().records()[6] = FakeBackend::Record{};
+  EXPECT_EQ(object.ResynchronizeDb(true), 5);
 }
 
 TEST(DbObjectResynchronizeTest, EmptyOrUnreadableTableReturnsZeroAndClearsRecord) {
@@ -524,6 +527,20 @@ TEST(IdGeneratorTest, HandsOutSmallestReleasedIdThenCounts) {
   RunScript("+1 -1 -1 +1 +2");  // released twice, handed out once
   RunScript("-0 +0 +1");
   RunScript("+4294967295 +0 +1", UINT32_MAX - 1);  // the counter wraps to zero
+}
+
+// Free ids merge into ranges that touch or overlap; the count follows.
+TEST(IdGeneratorTest, FreeIdsAreMergedRanges) {
+  using Ranges = db::IdGenerator::FreeRanges;
+  db::IdGenerator& generator = db::IdGenerator::GetInstance();
+  generator.Reset();
+  for (uint32_t id : {5u, 3u, 9u, 4u, 4u, UINT32_MAX, UINT32_MAX - 1}) generator.Release(id);
+  EXPECT_EQ(generator.free_ranges(), (Ranges{{3, 5}, {9, 9}, {UINT32_MAX - 1, UINT32_MAX}}));
+  EXPECT_EQ(generator.free_count(), 6u);
+  generator.ReleaseRange(6, 8);
+  for (uint32_t id : {0u, 1u, 4u, 3u, 10u, UINT32_MAX}) generator.Take(id);
+  EXPECT_EQ(generator.free_ranges(), (Ranges{{5, 9}, {UINT32_MAX - 1, UINT32_MAX - 1}}));
+  EXPECT_EQ(generator.free_count(), 6u);
 }
 
 TEST_F(DbObjectTest, RepeatedFieldLines) {

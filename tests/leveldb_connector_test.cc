@@ -1,11 +1,13 @@
 #include "leveldb_connector.h"
 
 #include <filesystem>
+#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
 #include <leveldb/db.h>
 
+#include "db/db_object.h"
 #include "support/leveldb_util.h"
 #include "support/test_util.h"
 
@@ -44,6 +46,17 @@ TEST(LevelDbConnectorTest, AcquiresShareOneCountedHandleUntilTheLastRelease) {
   EXPECT_EQ(connector.Find(path)->count, 1u);
   EXPECT_TRUE(connector.ReleaseConnection(path));
   EXPECT_TRUE(connector.ReleaseConnection(path));
+}
+
+// Daemons keep objects in statics. This one is destroyed at exit after the
+// library's first-use singletons would be; it must still close cleanly.
+db_test::TempDir static_dir;
+std::unique_ptr<DbObject> static_object;
+
+TEST(LevelDbConnectorTest, ObjectHeldInAStaticClosesAtExit) {
+  db_test::InitLibrary();
+  static_object = std::make_unique<DbObject>(static_dir.File("db"), "T", false, kLevelDb);
+  EXPECT_TRUE(static_object->IsConnected());
 }
 
 }  // namespace

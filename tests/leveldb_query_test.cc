@@ -8,8 +8,10 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <leveldb/db.h>
 
 #include "leveldb_api.h"
+#include "leveldb_connector.h"
 #include "leveldb_index.h"
 #include "support/leveldb_util.h"
 #include "support/test_util.h"
@@ -139,6 +141,10 @@ TEST_F(LeveldbQueryTest, OrderAndRefusedFilters) {
   EXPECT_EQ(log_.Count("ERROR: Corrupt record, key='T:2'"), 1);
   EXPECT_TRUE(ids.empty());
   ASSERT_EQ(api->AddTableIndex("i", {"a"}), 0);
+  // A record the index lists but the store lacks fails the query, also with a
+  // repeated-field condition after it.
+  ASSERT_TRUE(LevelDbConnector::GetInstance().LookupConnection(path_)->Delete({}, "T:10").ok());
+  EXPECT_EQ(api->RetrieveRecords(&ids, {{"a", Set(1)}, {"c", Set(1)}}, Tags({5})), -4);
   PutRaw(path_, "T:9", "3,5,5,5,1");
   EXPECT_THROW(Query(*api, {{"a", Set(1)}, {"c", Set(1)}}), std::out_of_range);
 }

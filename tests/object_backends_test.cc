@@ -17,6 +17,7 @@
 #include "db/db_object.h"
 #include "id_generator.h"
 #include "sqlite_api.h"
+#include "support/leveldb_util.h"
 #include "support/sqlite_util.h"
 #include "support/test_util.h"
 
@@ -129,16 +130,6 @@ class BackendTest : public testing::TestWithParam<const char*> {
     EXPECT_EQ(object->AppendCompositeAttribute("ports", Attribute(db::kInteger), db::kDefault), 0);
     EXPECT_EQ(create ? object->CreateObjTables() : 0, 0);
     return object;
-  }
-
-  // Records holding num = 1 under `ids`, written through the backend alone.
-  void Seed(const std::vector<uint32_t>& ids) const {
-    std::unique_ptr<db::DatabaseAPI> writer(
-        db::DbObject::CreateDbApi(type(), db_name_, "records", in_memory()));
-    ASSERT_EQ(writer->CreateTable({{"num", Attribute(db::kInteger)}}, CompositeFields()), 0);
-    for (uint32_t id : ids) {
-      ASSERT_EQ(writer->StoreRecord(id, {{"num", Val(1)}}, CompositeFields()), 0);
-    }
   }
 
   LogCapture log_;
@@ -257,14 +248,36 @@ TEST_P(BackendTest, UnsetRepeatedElementsImposeNothing) {
   std::vector<uint32_t> ids;
   EXPECT_EQ(object->RetrieveObjects(&ids), 0);
   EXPECT_THAT(ids, ElementsAre(bare));
-  static int visits;
-  visits = 0;
-  auto count = [](uint32_t, const ScalarFields&, const CompositeFields&) { return ++visits > 0; };
-  EXPECT_EQ(object->TraverseObjects(count), 0);
-  EXPECT_EQ(visits, 1);
   EXPECT_EQ(Ids(*object, {}, object->composite_schema()), (std::vector<uint32_t>{full, bare}));
   ASSERT_EQ(object->DeleteMultipleObjects(), 0);
   EXPECT_EQ(Ids(*object), (std::vector<uint32_t>{full}));
+}
+
+// The declared schema lives apart from the current record: after a read that
+// emptied the record (a LevelDB value that does not decode reads as nothing),
+// or after the caller emptied it, the object stores, reads and clears as before.
+TEST_P(BackendTest, EmptiedCurrentRecordLosesNoField) {
+  auto object = Open();
+  const Rec good{1, 0, "good", 1.0f, {1}, {7}};
+  const uint32_t id = Store(object.get(), good);
+  ScalarFields scalar;
+  CompositeFields composite;
+  if (is_leveldb()) {
+    const uint32_t damaged = Store(object.get(), Rec{});
+    PutRaw(db_name_, "records:" + std::to_string(damaged), "x,");
+    EXPECT_EQ(object->RetrieveObject(damaged, &scalar, &composite), 0);
+  } else {
+    object->scalar_fields().clear();
+  }
+  EXPECT_THAT(object->scalar_fields(), IsEmpty());
+  uint32_t stored = 0;
+  EXPECT_EQ(object->StoreObject(&stored), 0);
+  object->scalar_fields().clear();
+  EXPECT_EQ(object->UpdateObject(stored), 0);
+  object->scalar_fields().clear();
+  object->ClearObject();
+  EXPECT_EQ(object->scalar_fields().size(), ScalarsOf(good).size());
+  ExpectStored(*object, id, good);
 }
 
 // LevelDB keys hold ids as decimal text ("records:10" sorts before
@@ -323,16 +336,6 @@ TEST_P(BackendTest, RecordsSurviveReopeningAndResynchronise) {
   EXPECT_EQ(Size(*reopened), 6);
 }
 
-// The first object of a process on an existing database (written here through
-// the backend directly) resynchronises by itself.
-TEST_P(BackendTest, FirstObjectOfProcessResynchronisesOnConstruction) {
-  Seed({2, 5, 9});
-  auto object = Open(false);
-  EXPECT_EQ(db::IdGenerator::GetInstance().last_id(), 9u);
-  EXPECT_EQ(FreeIds(), (std::set<uint32_t>{1, 3, 4, 6, 7, 8}));
-  EXPECT_EQ(object->ResynchronizeDb(true), 3);
-}
-
 // Values that could end a quoted SQL text, a statement or a stored length:
 // quotes, ";", "--", NUL and the escape bytes 0xFF 0xFE, 1 MB texts, the
 // integer limits and a subnormal float. Each comes back exactly, in scalar
@@ -377,10 +380,18 @@ TEST_P(BackendTest, HostileValuesRoundTripAndChangeNoOtherRecord) {
   EXPECT_EQ(Size(*object), 1 + static_cast<int>(std::size(texts)));
 }
 
-// The gap below one large id is held as one range: the table opens at once.
-// A SQLite ID of -5 written by another program reads as 4294967291.
-TEST_P(BackendTest, OneLargeStoredIdOpensAtOnce) {
-  Seed({1, 2, 4000000000u});
+// The first object of a process on an existing database (written here through
+// the backend directly) resynchronises by itself. The gap below one large id
+// is held as one range, so the table opens at once. A SQLite ID of -5 written
+// by another program reads as 4294967291.
+TEST_P(BackendTest, FirstObjectOfProcessResynchronisesOnConstruction) {
+  std::unique_ptr<db::DatabaseAPI> writer(
+      db::DbObject::CreateDbApi(type(), db_name_, "records", in_memory()));
+  ASSERT_EQ(writer->CreateTable({{"num", Attribute(db::kInteger)}}, CompositeFields()), 0);
+  for (uint32_t id : {1u, 2u, 4000000000u}) {
+    ASSERT_EQ(writer->StoreRecord(id, {{"num", Val(1)}}, CompositeFields()), 0);
+  }
+  writer.reset();
   const bool negative = GetParam() == std::string("SqliteFile");
   if (negative) RawDb(db_name_).Query("INSERT INTO records (ID, num) VALUES (-5, 1);");
   auto object = Open(false);

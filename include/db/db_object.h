@@ -72,7 +72,8 @@ class DB_INTF_EXPORT DbObject {
   int DestroyObjTables();
   // Deletes every record and gives every removed id back to the allocator.
   int ClearObjTable();
-  // Empties the current record, keeping the schema.
+  // Empties the current record, keeping the schema: every field unset, every
+  // repeated field empty, declared fields the record had lost put back.
   void ClearObject();
   // Makes the process-wide id allocator agree with the ids stored in this
   // table. Returns -1 when not connected, otherwise last_id minus the number of
@@ -135,6 +136,9 @@ class DB_INTF_EXPORT DbObject {
   const ScalarFields& scalar_fields() const { return scalar_fields_; }
   CompositeFields& composite_fields() { return composite_fields_; }
   const CompositeFields& composite_fields() const { return composite_fields_; }
+  // The declared scalar fields with their prototypes, kept apart from the
+  // current record so that a read that empties the record loses no field.
+  const ScalarFields& scalar_schema() const { return scalar_schema_; }
   const CompositeFields& composite_schema() const { return composite_schema_; }
   const StreamableInfo& streamable_info() const { return streamable_info_; }
   const TableIndexes& table_indexes() const { return table_indexes_; }
@@ -152,11 +156,15 @@ class DB_INTF_EXPORT DbObject {
  private:
   // Resynchronises the id allocator for the first object of `db_name`.
   void RegisterDatabase(const std::string& db_name);
+  // Puts every declared scalar field that the current record lacks back into
+  // it, unset, before the record goes to the backend.
+  void CompleteCurrentRecord() const;
 
   mutable ScalarFields scalar_fields_;
   mutable CompositeFields composite_fields_;
   bool tables_created_ = false;
   std::unique_ptr<DatabaseAPI> db_api_;
+  ScalarFields scalar_schema_;
   CompositeFields composite_schema_;
   StreamableInfo streamable_info_;
   TableIndexes table_indexes_;

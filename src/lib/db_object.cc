@@ -15,9 +15,10 @@ namespace db {
 namespace {
 
 // Every database name for which an object was constructed in this process.
+// Never destroyed, so that objects may be built until the process ends.
 std::set<std::string>& SeenDatabases() {
-  static std::set<std::string> seen_databases;
-  return seen_databases;
+  static std::set<std::string>* const seen_databases = new std::set<std::string>();
+  return *seen_databases;
 }
 
 }  // namespace
@@ -78,7 +79,7 @@ std::string DbObject::GetExtraInfo() { return std::string(); }
 
 int DbObject::AppendScalarAttribute(const std::string& name, const Attribute& prototype,
                                     PrintFormat format) {
-  if (scalar_fields_.count(name) != 0) return kAlreadyDeclared;
+  if (!scalar_schema_.emplace(name, prototype).second) return kAlreadyDeclared;
   streamable_info_.emplace(name, std::make_pair(name, format));
   scalar_fields_.emplace(name, prototype);
   // The declaration stays in the object even when the backend is gone.
@@ -118,6 +119,7 @@ int DbObject::CreateObjTables() {
   // Set before anything can fail: later declarations go to the backend even
   // when the creation failed, so that the backend reports them.
   tables_created_ = true;
+  CompleteCurrentRecord();
   int rc =
       db_api_ == nullptr ? kNotConnected : db_api_->CreateTable(scalar_fields_, composite_fields_);
   if (rc != kOk) return rc;
@@ -152,6 +154,16 @@ int DbObject::ClearObjTable() {
 void DbObject::ClearObject() {
   for (auto& entry : scalar_fields_) entry.second = Attribute(entry.second.type());
   for (auto& entry : composite_fields_) entry.second.second.clear();
+  CompleteCurrentRecord();
+  for (const auto& entry : composite_schema_) {
+    composite_fields_.try_emplace(entry.first, entry.second.first, std::vector<Attribute>());
+  }
+}
+
+void DbObject::CompleteCurrentRecord() const {
+  for (const auto& entry : scalar_schema_) {
+    scalar_fields_.try_emplace(entry.first, entry.second.type());
+  }
 }
 
 int DbObject::ResynchronizeDb(bool first_object) {
@@ -192,6 +204,7 @@ void DbObject::set_name(const std::string& name) {
 int DbObject::StoreObject(uint32_t* id) {
   if (!IsConnected()) return kNotConnected;
   if (id == nullptr) return kFailure;
+  CompleteCurrentRecord();
   *id = GetNextId();
   int rc = db_api_->StoreRecord(*id, scalar_fields_, composite_fields_);
   // The id goes back to be handed out first next time, but the caller still
@@ -202,12 +215,15 @@ int DbObject::StoreObject(uint32_t* id) {
 
 int DbObject::UpdateObject(uint32_t id) {
   if (!IsConnected()) return kNotConnected;
+  CompleteCurrentRecord();
   return db_api_->UpdateRecord(id, scalar_fields_, composite_fields_);
 }
 
 int DbObject::RetrieveObject(uint32_t id, ScalarFields* scalar, CompositeFields* composite) const {
   if (!IsConnected()) return kNotConnected;
-  // The schema template tells the backend every repeated field and its type.
+  // The schema tells the backend every field and its type, also after a read
+  // that emptied the record (a LevelDB value that does not decode).
+  CompleteCurrentRecord();
   composite_fields_ = composite_schema_;
   int rc = db_api_->RetrieveRecord(id, &scalar_fields_, &composite_fields_);
   if (rc != kOk) return rc;

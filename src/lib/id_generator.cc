@@ -6,8 +6,10 @@
 namespace db {
 
 IdGenerator& IdGenerator::GetInstance() {
-  static IdGenerator the_instance_;
-  return the_instance_;
+  // Never destroyed: a DbObject held in a static may give its ids back after
+  // every function-local static of the library is gone.
+  static IdGenerator* const the_instance_ = new IdGenerator();
+  return *the_instance_;
 }
 
 uint32_t IdGenerator::Next() {
@@ -39,18 +41,17 @@ void IdGenerator::ReleaseRange(uint32_t first, uint32_t last) {
   free_count_ += high - low + 1;
 }
 
-bool IdGenerator::Take(uint32_t id) {
+void IdGenerator::Take(uint32_t id) {
   auto it = free_ranges_.upper_bound(id);
-  if (it == free_ranges_.begin()) return false;
+  if (it == free_ranges_.begin()) return;
   --it;
   const uint32_t first = it->first;
   const uint32_t last = it->second;
-  if (id > last) return false;
+  if (id > last) return;
   it = free_ranges_.erase(it);
   if (id < last) it = free_ranges_.emplace_hint(it, id + 1, last);
   if (first < id) free_ranges_.emplace_hint(it, first, id - 1);
   --free_count_;
-  return true;
 }
 
 void IdGenerator::Reset() {

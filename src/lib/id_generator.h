@@ -25,7 +25,7 @@ class IdGenerator {
   // adjacent, in ascending order.
   using FreeRanges = std::map<uint32_t, uint32_t>;
 
-  // The process-wide instance, created empty on first use.
+  // The process-wide instance, created empty on first use and never destroyed.
   static IdGenerator& GetInstance();
 
   IdGenerator(const IdGenerator&) = delete;
@@ -40,8 +40,8 @@ class IdGenerator {
   // Makes every id from `first` to `last` (included) free; nothing when
   // `first` is above `last`.
   void ReleaseRange(uint32_t first, uint32_t last);
-  // Takes `id` out of the free ids; false when it was not free.
-  bool Take(uint32_t id);
+  // Takes `id` out of the free ids when it is there.
+  void Take(uint32_t id);
   // Forgets every free id and sets last_id() to 0, as in a fresh process.
   void Reset();
 

@@ -17,7 +17,9 @@ namespace db {
 
 namespace {
 
-const leveldb::Status kDisconnected = leveldb::Status::IOError("Disconnected");
+// Built on each use: a Status object of static lifetime would be freed at
+// exit while objects held in statics may still need it.
+leveldb::Status Disconnected() { return leveldb::Status::IOError("Disconnected"); }
 
 }  // namespace
 
@@ -67,8 +69,9 @@ int LeveldbAPI::RetrieveRecords(std::vector<uint32_t>* ids, const ScalarFields& 
 int LeveldbAPI::RetrieveAllIds(std::list<uint32_t>& ids, const std::string& table) const {
   leveldb::DB* db = Handle();
   if (db == nullptr) {
-    DB_LOG_ERROR("ERROR: status='%s', table='%s'", kDisconnected.ToString().c_str(), table.c_str());
-    return DbReturnCodeTranslate(kDisconnected);
+    DB_LOG_ERROR("ERROR: status='%s', table='%s'", Disconnected().ToString().c_str(),
+                 table.c_str());
+    return DbReturnCodeTranslate(Disconnected());
   }
   const std::string prefix = table + LevelDbTable::kKeySeparator;
   std::unique_ptr<leveldb::Iterator> it(db->NewIterator(read_options_));
@@ -98,8 +101,9 @@ int LeveldbAPI::RetrieveIdsFromDatabase(std::list<uint32_t>& ids, const std::str
                                         ScalarFields& filter) const {
   leveldb::DB* db = Handle();
   if (db == nullptr) {
-    DB_LOG_ERROR("ERROR: status='%s', table='%s'", kDisconnected.ToString().c_str(), table.c_str());
-    return DbReturnCodeTranslate(kDisconnected);
+    DB_LOG_ERROR("ERROR: status='%s', table='%s'", Disconnected().ToString().c_str(),
+                 table.c_str());
+    return DbReturnCodeTranslate(Disconnected());
   }
   const std::string prefix = table + LevelDbTable::kKeySeparator;
   std::unique_ptr<leveldb::Iterator> it(db->NewIterator(read_options_));
@@ -149,7 +153,7 @@ int LeveldbAPI::FilterIdsOnDatabase(const std::string& table, const ScalarFields
     std::string value;
     const leveldb::Status status =
         db != nullptr ? db->Get(read_options_, Serializer::ScalarKey(table, *id), &value)
-                      : kDisconnected;
+                      : Disconnected();
     if (!status.ok()) {
       DB_LOG_ERROR("ERROR: Status='%s', table='%s'", status.ToString().c_str(), table.c_str());
       return DbReturnCodeTranslate(status);
@@ -244,7 +248,7 @@ int LeveldbAPI::DeleteRecords(std::vector<uint32_t>* ids, const ScalarFields& sc
     return r;
   }
   leveldb::DB* db = Handle();
-  leveldb::Status status = kDisconnected;
+  leveldb::Status status = Disconnected();
   if (db != nullptr) {
     leveldb::WriteBatch batch;
     for (const uint32_t id : *ids) {
@@ -270,9 +274,9 @@ int LeveldbAPI::ClearTable(const CompositeFields& /*composite_schema*/,
   if (!CheckTableExistence()) return kFailure;
   leveldb::DB* db = Handle();
   if (db == nullptr) {
-    DB_LOG_ERROR("ERROR: Status='%s', table='%s'", kDisconnected.ToString().c_str(),
+    DB_LOG_ERROR("ERROR: Status='%s', table='%s'", Disconnected().ToString().c_str(),
                  table_name_.c_str());
-    return DbReturnCodeTranslate(kDisconnected);
+    return DbReturnCodeTranslate(Disconnected());
   }
   leveldb::WriteBatch batch;
   std::vector<uint32_t> removed;

@@ -29,10 +29,11 @@ const leveldb::FilterPolicy* BloomFilterPolicy() {
 }  // namespace
 
 LevelDbConnector& LevelDbConnector::GetInstance() {
-  // Never destroyed before the last static user; handles still open at exit
-  // are left open (see the destructor).
-  static LevelDbConnector instance;
-  return instance;
+  // Never destroyed: an object held in a static releases its handle after
+  // every function-local static of the library is gone. Handles still open
+  // at exit are left open.
+  static LevelDbConnector* const instance = new LevelDbConnector();
+  return *instance;
 }
 
 leveldb::DB* LevelDbConnector::AcquireConnection(const std::string& path) {

@@ -24,6 +24,7 @@ class LevelDbConnector {
     uint32_t count = 0;
   };
 
+  // The process-wide instance, created on first use and never destroyed.
   static LevelDbConnector& GetInstance();
 
   // The handle for `path`, opened (create_if_missing) on first use; null when
@@ -38,7 +39,7 @@ class LevelDbConnector {
 
  private:
   LevelDbConnector() = default;
-  // Frees the entries only: handles still open at process exit stay open.
+  // Never called: the instance lives until the process ends.
   ~LevelDbConnector() = default;
 
   std::map<std::string, Connection> connections_;

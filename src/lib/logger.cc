@@ -13,8 +13,8 @@ namespace db {
 void Init(qelmw_t* mw) { Logger::Instance().Init(mw); }
 
 Logger& Logger::Instance() {
-  static Logger the_instance;
-  return the_instance;
+  static Logger* const the_instance = new Logger();  // never destroyed
+  return *the_instance;
 }
 
 void Logger::Init(qelmw_t* mw) {

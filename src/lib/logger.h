@@ -16,6 +16,7 @@ constexpr int kLogLevelError = 12;
 
 class Logger {
  public:
+  // The process-wide instance, created on first use and never destroyed.
   static Logger& Instance();
   // Registers the trace category "db_intf" for `mw`; aborts when that fails.
   void Init(qelmw_t* mw);

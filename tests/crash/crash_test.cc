@@ -340,7 +340,10 @@ TEST_P(CrashTest, AcknowledgedWritesSurviveKills) {
   EXPECT_EQ(c.lost + c.torn + c.collisions + c.writer_errors + c.unopened, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, CrashTest, testing::Values("leveldb", "sqlite"));
+INSTANTIATE_TEST_SUITE_P(Backends, CrashTest, testing::Values("leveldb", "sqlite"),
+                         [](const testing::TestParamInfo<const char*>& info) {
+                           return std::string(info.param);
+                         });
 
 }  // namespace
 }  // namespace db_test

@@ -10,7 +10,7 @@ namespace {
 std::unique_ptr<db_shell::Shell> OpenShell(db::DbType type, const std::string& path) {
   db_fuzz::PopulatedTable(type, path, "t");
   const db_shell::Discovery found =
-      type == db::kSqlite ? db_shell::DiscoverSqlite(path) : db_shell::DiscoverLevelDb(path);
+      type == db::kSqlite ? db_shell::DiscoverSqlite(path) : db_shell::DiscoverLevelDb(path, path);
   std::string error;
   auto shell = db_shell::Shell::Create(type, path, found.tables, &error);
   db_fuzz::Require(shell != nullptr && found.tables.size() == 1, "db-shell opens its database");

@@ -6,17 +6,12 @@
 
 #include "db/init.h"
 #include "qelmw.h"
+#include "support/leveldb_util.h"
 #include "zlog.h"
 
 namespace db_fuzz {
 
 namespace {
-
-db::Attribute Value(const db::AttributeValue& v) {
-  db::Attribute a;
-  a.set_value(v);
-  return a;
-}
 
 std::vector<uint8_t> Bytes(std::initializer_list<int> bytes) {
   return std::vector<uint8_t>(bytes.begin(), bytes.end());
@@ -90,8 +85,8 @@ std::unique_ptr<db::DbObject> PopulatedTable(db::DbType type, const std::string&
     s["smac"] = "aa:bb:cc:dd:ee:0" + std::to_string(i);
     s["lim"] = Bytes({1, 1, 0, i});
     s["raw"] = Bytes({0, 0xFF, i});
-    object->composite_fields()["vlans"].second = {Value(i), Value(100 + i)};
-    object->composite_fields()["tags"].second = {Value(std::string("t") + std::to_string(i))};
+    object->composite_fields()["vlans"].second = {db_test::Set(i), db_test::Set(100 + i)};
+    object->composite_fields()["tags"].second = {db_test::Set("t" + std::to_string(i))};
     uint32_t id = 0;
     object->StoreObject(&id);
   }

@@ -283,18 +283,21 @@ bool ParseSchemaRecord(const std::string& text, std::vector<FieldSchema>* fields
   return true;
 }
 
-Discovery DiscoverLevelDb(const std::string& dir) {
+std::string LevelDbDirectoryProblem(const std::string& dir) {
   struct stat info;
   if (stat(dir.c_str(), &info) != 0) {
-    return Failed(dir + ": cannot open LevelDB database: " + strerror(errno));
+    return dir + ": cannot open LevelDB database: " + strerror(errno);
   }
-  if (!S_ISDIR(info.st_mode)) return Failed(dir + ": not a directory, not a LevelDB database");
+  if (!S_ISDIR(info.st_mode)) return dir + ": not a directory, not a LevelDB database";
   // LevelDB's Open writes a LOCK and a LOG file into any directory it is
   // given, even when it then finds no database there; so look first.
   if (stat((dir + "/CURRENT").c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
-    return Failed(dir + ": not a LevelDB database (no CURRENT file)");
+    return dir + ": not a LevelDB database (no CURRENT file)";
   }
+  return std::string();
+}
 
+Discovery DiscoverLevelDb(const std::string& dir, const std::string& name) {
   SilentLogger logger;
   leveldb::Options options;
   options.create_if_missing = false;
@@ -302,13 +305,7 @@ Discovery DiscoverLevelDb(const std::string& dir) {
   leveldb::DB* raw = nullptr;
   leveldb::Status status = leveldb::DB::Open(options, dir, &raw);
   std::unique_ptr<leveldb::DB> db(raw);
-  if (!status.ok()) {
-    const std::string text = status.ToString();
-    if (status.IsIOError() && text.find("lock") != std::string::npos) {
-      return Failed(dir + ": LevelDB database is in use by another process (" + text + ")");
-    }
-    return Failed(dir + ": cannot open LevelDB database: " + text);
-  }
+  if (!status.ok()) return Failed(name + ": cannot open LevelDB database: " + status.ToString());
 
   std::map<std::string, std::string> scalar_records;
   std::map<std::string, std::string> repeated_records;
@@ -326,7 +323,7 @@ Discovery DiscoverLevelDb(const std::string& dir) {
       // repeated field named "schema".
     }
     if (!it->status().ok()) {
-      return Failed(dir + ": cannot read LevelDB database: " + it->status().ToString());
+      return Failed(name + ": cannot read LevelDB database: " + it->status().ToString());
     }
   }
   db.reset();

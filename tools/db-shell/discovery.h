@@ -51,10 +51,15 @@ std::string SqliteReadOnlyName(const std::string& path);
 // which is closed again before returning.
 Discovery DiscoverSqlite(const std::string& path);
 
-// Reads the schema records of the LevelDB database in directory `dir`. The
+// Reads the schema records of the LevelDB database in directory `dir`, a
+// private copy checked by LevelDbCopy (opening writes into the directory). The
 // handle is closed before returning, since LevelDB admits one open handle per
-// directory and the DbObjects need theirs.
-Discovery DiscoverLevelDb(const std::string& dir);
+// directory and the DbObjects need theirs. Messages name the database `name`.
+Discovery DiscoverLevelDb(const std::string& dir, const std::string& name);
+
+// Why `dir` is not a LevelDB database that can be opened (missing, not a
+// directory, no CURRENT file), as one line naming `dir`; empty when it is one.
+std::string LevelDbDirectoryProblem(const std::string& dir);
 
 // "integer", "string", "float" or "bytes".
 const char* TypeName(db::AttributeType type);

@@ -25,6 +25,7 @@
 #include "db/db_object.h"
 #include "db/init.h"
 #include "discovery.h"
+#include "leveldb_copy.h"
 #include "qelmw.h"
 #include "shell.h"
 #include "zlog.h"
@@ -44,7 +45,9 @@ const char kUsage[] =
     "Opens a database written by libdb-intf, without creating or changing anything,\n"
     "and runs the debug commands of its tables: each -c COMMAND in order, or the\n"
     "lines read from standard input (with line editing, history and completion\n"
-    "when it is a terminal).\n"
+    "when it is a terminal). A LevelDB database is read from a private copy made\n"
+    "at start (hard links where the file system allows, under $TMPDIR), so a\n"
+    "database in use by a daemon can be read too, as it was at that moment.\n"
     "\n"
     "  --sqlite FILE   an existing SQLite database file\n"
     "  --leveldb DIR   an existing LevelDB database directory\n"
@@ -247,10 +250,18 @@ int main(int argc, char** argv) {
   db::Init(mw);
 
   // Look before the library touches anything: its backends create a missing
-  // database when they connect.
-  const db_shell::Discovery discovery = options.type == db::kSqlite
-                                            ? db_shell::DiscoverSqlite(options.path)
-                                            : db_shell::DiscoverLevelDb(options.path);
+  // database when they connect. LevelDB has no read-only open, so a LevelDB
+  // database is read from a private copy, removed after the shell (declared
+  // first, so destroyed last).
+  std::unique_ptr<db_shell::LevelDbCopy> copy;
+  std::string open_path = options.path;
+  db_shell::Discovery discovery;
+  if (options.type == db::kSqlite) {
+    discovery = db_shell::DiscoverSqlite(options.path);
+  } else if ((copy = db_shell::LevelDbCopy::Make(options.path, &discovery.error)) != nullptr) {
+    open_path = copy->path();
+    discovery = db_shell::DiscoverLevelDb(open_path, options.path);
+  }
   int status = kExitOk;
   if (!discovery.error.empty()) {
     fprintf(stderr, "db-shell: %s\n", Printable(discovery.error).c_str());
@@ -265,7 +276,7 @@ int main(int argc, char** argv) {
     std::string error;
     std::unique_ptr<db_shell::Shell> shell = db_shell::Shell::Create(
         options.type,
-        options.type == db::kSqlite ? db_shell::SqliteReadOnlyName(options.path) : options.path,
+        options.type == db::kSqlite ? db_shell::SqliteReadOnlyName(options.path) : open_path,
         discovery.tables, &error);
     if (shell == nullptr) {
       fprintf(stderr, "db-shell: %s\n", error.c_str());

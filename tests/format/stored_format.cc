@@ -1,0 +1,254 @@
+// stored-format: writes a LevelDB directory and an SQLite file holding every
+// value kind, scalar and repeated, with an index, and verifies such a pair value
+// for value and, for chosen records, byte for byte. Built for the build machine
+// and for a cross target, it shows that what one CPU writes another reads.
+//   stored-format write DIR
+//   stored-format verify DIR
+//   stored-format exchange PEER...   this program writes, PEER (a command)
+//                                    verifies, then the reverse
+// Exit status 0 when every check passed, 1 when one failed, 2 on bad arguments.
+
+#include <leveldb/db.h>
+#include <spawn.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "db/db_object.h"
+#include "support/leveldb_util.h"
+#include "support/test_util.h"
+
+extern char** environ;
+
+namespace {
+
+using db::Attribute;
+using db_test::Set;
+using Bytes = std::vector<uint8_t>;
+using namespace std::string_literals;
+
+int failures = 0;
+
+void Check(bool ok, const std::string& what) {
+  if (!ok) {
+    ++failures;
+    fprintf(stderr, "stored-format: FAILED %s\n", what.c_str());
+  }
+}
+
+// One record: scalar fields mac, name, ratio, speed (name order) and repeated
+// fields aliases, keys, vlans, weights. Record 1 leaves two scalars unset and
+// every repeated field empty; record 2's speed shows byte order in any dump.
+struct Record {
+  db::ScalarFields scalars;
+  db::CompositeFields composites;
+};
+
+std::vector<Record> Records() {
+  const int32_t kMin = std::numeric_limits<int32_t>::min();
+  const int32_t kMax = std::numeric_limits<int32_t>::max();
+  auto repeated = [](db::AttributeType type, std::vector<Attribute> values) {
+    return std::make_pair(type, std::move(values));
+  };
+  return {
+      {{{"mac", Set(Bytes{0x00, 0xff, 0x80, 0x7f, 0x0a, 0x01})},
+        {"name", Set(std::string("eth 1/3, 'up'"))},
+        {"ratio", Set(-2.5f)},
+        {"speed", Set(kMin)}},
+       {{"aliases", repeated(db::kString, {Set(std::string("a,b")), Set(std::string("x'y"))})},
+        {"keys",
+         repeated(db::kBytes, {Set(Bytes{0xde, 0xad, 0xbe, 0xef}), Set(Bytes{0xff, 0x00})})},
+        {"vlans", repeated(db::kInteger, {Set(10), Set(-1), Set(kMax)})},
+        {"weights", repeated(db::kFloat, {Set(0.1f), Set(1e7f)})}}},
+      {{{"mac", Attribute(db::kBytes)},
+        {"name", Set(std::string("eth0"))},
+        {"ratio", Attribute(db::kFloat)},
+        {"speed", Set(1000)}},
+       {{"aliases", repeated(db::kString, {})},
+        {"keys", repeated(db::kBytes, {})},
+        {"vlans", repeated(db::kInteger, {})},
+        {"weights", repeated(db::kFloat, {})}}},
+      {{{"mac", Set(Bytes{2, 0, 0, 0, 0, 1})},
+        {"name", Set(std::string("lo"))},
+        {"ratio", Set(1.5f)},
+        {"speed", Set(0x01020304)}},
+       {{"aliases", repeated(db::kString, {})},
+        {"keys", repeated(db::kBytes, {})},
+        {"vlans", repeated(db::kInteger, {Set(20)})},
+        {"weights", repeated(db::kFloat, {})}}},
+  };
+}
+
+std::string LevelDbPath(const std::string& dir) { return dir + "/store"; }
+std::string SqlitePath(const std::string& dir) { return dir + "/store.sqlite"; }
+
+std::unique_ptr<db::DbObject> Ports(const std::string& path, db::DbType type) {
+  auto ports = std::make_unique<db::DbObject>(path, "ports", false, type);
+  const Record first = Records()[0];
+  for (const auto& [name, value] : first.scalars) {
+    ports->AppendScalarAttribute(name, Attribute(value.type()), db::kDefault);
+  }
+  for (const auto& [name, field] : first.composites) {
+    ports->AppendCompositeAttribute(name, Attribute(field.first), db::kDefault);
+  }
+  return ports;
+}
+
+void Write(const std::string& dir) {
+  for (db::DbType type : {db::kLevelDb, db::kSqlite}) {
+    auto ports = Ports(type == db::kLevelDb ? LevelDbPath(dir) : SqlitePath(dir), type);
+    Check(ports->CreateObjTables() == 0, "create tables");
+    Check(ports->AddTableIndex("by_name", {"name", "speed"}) == 0, "add index");
+    for (const Record& record : Records()) {
+      ports->scalar_fields() = record.scalars;
+      ports->composite_fields() = record.composites;
+      uint32_t id = 0;
+      Check(ports->StoreObject(&id) == 0, "store");
+    }
+  }
+}
+
+// Reads `keys` of a LevelDB database with leveldb itself; a missing key reads
+// "(missing)".
+std::vector<std::string> RawLevelDb(const std::string& path, const std::vector<std::string>& keys) {
+  std::vector<std::string> values;
+  leveldb::DB* raw = nullptr;
+  Check(leveldb::DB::Open(leveldb::Options(), path, &raw).ok(), "open " + path);
+  for (const auto& key : keys) {
+    std::string value = "(missing)";
+    if (raw != nullptr) raw->Get(leveldb::ReadOptions(), key, &value);
+    values.push_back(value);
+  }
+  delete raw;
+  return values;
+}
+
+// The first column of every row of `sql`, with sqlite3 itself.
+std::vector<std::string> RawSqlite(const std::string& path, const std::string& sql) {
+  std::vector<std::string> rows;
+  sqlite3* raw = nullptr;
+  Check(sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK, path);
+  auto add = [](void* out, int, char** values, char**) {
+    static_cast<std::vector<std::string>*>(out)->push_back(values[0] ? values[0] : "NULL");
+    return 0;
+  };
+  Check(sqlite3_exec(raw, sql.c_str(), add, &rows, nullptr) == SQLITE_OK, sql);
+  sqlite3_close(raw);
+  return rows;
+}
+
+void CheckEqual(const std::vector<std::string>& got, const std::vector<std::string>& want,
+                const std::string& what) {
+  Check(got == want, what);
+  for (size_t i = 0; i < std::max(got.size(), want.size()); ++i) {
+    const std::string g = i < got.size() ? got[i] : "", w = i < want.size() ? want[i] : "";
+    if (g != w) fprintf(stderr, "  [%zu] got '%s' want '%s'\n", i, g.c_str(), w.c_str());
+  }
+}
+
+// The exact stored texts of record 0 (the first id stored) and of the schema.
+void VerifyBytes(const std::string& dir) {
+  CheckEqual(RawLevelDb(LevelDbPath(dir),
+                        {"schema:ports", "schema:repeated:ports", "schema:ports:idx", "ports:1",
+                         "keys:ports:1", "vlans:ports:1", "weights:ports:1", "ports:3"}),
+             {"mac:3,name:1,ratio:2,speed:0,", "aliases:1,keys:3,vlans:0,weights:2,", "name,speed",
+              "4,6,13,4,11,\x00\xff\x80\x7f\x0a\x01,eth 1/3, 'up',-2.5,-2147483648"s,
+              "2,4,2,\xde\xad\xbe\xef,\xff\x00"s, "3,2,2,10,10,-1,2147483647", "2,3,5,0.1,1e+07",
+              "4,6,2,3,8,\x02\x00\x00\x00\x00\x01,lo,1.5,16909060"s},
+             "LevelDB stored bytes");
+  // Bytes and strings are stored as escaped text: 0x00 as FF FE, 0xFF as FF FF.
+  CheckEqual(RawSqlite(SqlitePath(dir),
+                       "SELECT hex(mac) || '|' || name || '|' || ratio || '|' || speed FROM ports "
+                       "UNION ALL SELECT sql FROM sqlite_master WHERE name = 'by_name' "
+                       "UNION ALL SELECT hex(keys) FROM repeated_field_table_ports_keys"),
+             {"FFFEFFFF807F0A01|eth 1/3, 'up'|-2.5|-2147483648", "NULL",
+              "02FFFEFFFEFFFEFFFE01|lo|1.5|16909060", "CREATE INDEX by_name ON ports (name,speed)",
+              "DEADBEEF", "FFFFFFFE"},
+             "SQLite stored bytes");
+}
+
+// A repeated field stored empty reads back as its schema template (one unset
+// element) on LevelDB: only set elements are compared.
+db::CompositeFields SetElements(db::CompositeFields fields) {
+  for (auto& [name, field] : fields) {
+    auto& values = field.second;
+    values.erase(std::remove_if(values.begin(), values.end(),
+                                [](const Attribute& a) { return !a.is_set(); }),
+                 values.end());
+  }
+  return fields;
+}
+
+void Verify(const std::string& dir) {
+  VerifyBytes(dir);
+  const std::vector<Record> want = Records();
+  for (db::DbType type : {db::kLevelDb, db::kSqlite}) {
+    const std::string kind = type == db::kLevelDb ? "LevelDB " : "SQLite ";
+    auto ports = Ports(type == db::kLevelDb ? LevelDbPath(dir) : SqlitePath(dir), type);
+    std::vector<uint32_t> ids;
+    Check(ports->RetrieveObjects(&ids, {}, {}) == 0 && ids.size() == want.size(),
+          kind + "record ids");
+    std::sort(ids.begin(), ids.end());
+    for (size_t i = 0; i < ids.size() && i < want.size(); ++i) {
+      Record got;
+      Check(ports->RetrieveObject(ids[i], &got.scalars, &got.composites) == 0, kind + "retrieve");
+      Check(got.scalars == want[i].scalars, kind + "scalars of record " + std::to_string(i));
+      Check(SetElements(got.composites) == want[i].composites,
+            kind + "repeated of record " + std::to_string(i));
+    }
+    // The index, rebuilt on load, finds the records by each indexed value.
+    for (size_t i = 0; i < ids.size() && i < want.size(); ++i) {
+      db::ScalarFields filter = want[i].scalars;
+      for (auto& [name, value] : filter) value = Attribute(value.type());
+      filter["speed"] = want[i].scalars.at("speed");
+      std::vector<uint32_t> found;
+      Check(ports->RetrieveObjects(&found, filter, {}) == 0 && found == std::vector{ids[i]},
+            kind + "indexed look-up of record " + std::to_string(i));
+    }
+  }
+}
+
+// Runs `command` followed by `mode` and `dir`; true when it exits 0.
+bool Run(const std::vector<std::string>& command, const char* mode, const std::string& dir) {
+  std::vector<std::string> words = command;
+  words.insert(words.end(), {mode, dir});
+  std::vector<char*> argv;
+  for (auto& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  pid_t pid = 0;
+  int status = 0;
+  if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return false;
+  return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string mode = argc > 1 ? argv[1] : "";
+  db_test::InitLibrary();
+  if (mode == "write" && argc == 3) {
+    Write(argv[2]);
+  } else if (mode == "verify" && argc == 3) {
+    Verify(argv[2]);
+  } else if (mode == "exchange" && argc > 2) {
+    const std::vector<std::string> peer(argv + 2, argv + argc);
+    // Ids are allocated process-wide: this process writes before it reads.
+    db_test::TempDir theirs, ours;
+    Write(ours.path());
+    Check(Run(peer, "verify", ours.path()), "peer verify");
+    Check(Run(peer, "write", theirs.path()), "peer write");
+    Verify(theirs.path());
+  } else {
+    fprintf(stderr, "usage: stored-format write DIR | verify DIR | exchange PEER-COMMAND...\n");
+    return 2;
+  }
+  printf("stored-format %s: %s\n", mode.c_str(), failures == 0 ? "passed" : "FAILED");
+  return failures == 0 ? 0 : 1;
+}
