@@ -47,7 +47,12 @@ constexpr const char* kUsage =
     "  once, the connection dialled by the node whose name sorts first is kept.\n"
     "  A peer that sends a malformed or oversized frame, or claims a node name\n"
     "  already linked or this router's own, is disconnected with one log line.\n"
-    "  Stops on SIGTERM or SIGINT and removes its socket file.\n";
+    "  Logs to standard error: one line per refused or dropped connection and\n"
+    "  per link that comes up or goes down.\n"
+    "  Stops on SIGTERM or SIGINT and removes its socket file.\n"
+    "  Exit status: 0 after a clean stop, --help or --status; 1 when it cannot\n"
+    "  serve (a live router on the socket, a bad or busy address) or --status\n"
+    "  gets no answer; 2 on bad arguments.\n";
 
 // "--name VALUE" at argv[*i]: sets *value and steps over it.
 bool Value(int argc, char** argv, int* i, const char* name, std::string* value) {
