@@ -1,8 +1,6 @@
 // db-shell run as a separate process on databases written through the library.
 
-#include <stdio.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,41 +28,16 @@ namespace {
 using db::Attribute;
 using db::DbObject;
 
-struct ShellRun {
-  int status = -1;
-  std::string out, err;
-};
-
-std::string Quoted(const std::string& word) {
-  std::string text = "'";
-  for (char c : word) text += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return text + "'";
-}
-
-// The shell words that start db-shell with `args`.
-std::string ShellCommand(const std::vector<std::string>& args) {
-  std::string command;
-  for (const auto& word : db_test::ProgramCommand(DB_SHELL_PATH)) command += Quoted(word) + " ";
-  for (const auto& arg : args) command += Quoted(arg) + " ";
-  return command;
-}
-
 // Runs db-shell with `args` and `input` on standard input, with a scratch
 // directory of its own as $TMPDIR, which must be empty again afterwards.
-ShellRun RunShell(const std::vector<std::string>& args, const std::string& input = "") {
-  db_test::TempDir io;
-  std::ofstream(io.File("in")) << input;
-  std::filesystem::create_directory(io.File("tmp"));
-  std::string command = "TMPDIR=" + Quoted(io.File("tmp")) + " " + ShellCommand(args);
-  command += "<" + io.File("in") + " >" + io.File("out") + " 2>" + io.File("err");
-  const int status = system(command.c_str());
-  EXPECT_TRUE(std::filesystem::is_empty(io.File("tmp"))) << "the private copy is left behind";
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, db_test::ReadFile(io.File("out")),
-          db_test::ReadFile(io.File("err"))};
-}
-
-bool OneLine(const std::string& err, const char* text) {
-  return err.find(text) != std::string::npos && err.find('\n') == err.size() - 1;
+db_test::ProgramRun RunShell(const std::vector<std::string>& args, const std::string& input = "") {
+  db_test::TempDir tmp;
+  std::vector<std::string> argv = {"env", "TMPDIR=" + tmp.path()};
+  for (const auto& word : db_test::ProgramCommand(DB_SHELL_PATH)) argv.push_back(word);
+  argv.insert(argv.end(), args.begin(), args.end());
+  db_test::ProgramRun run = db_test::RunProgram(argv, input);
+  EXPECT_TRUE(std::filesystem::is_empty(tmp.path())) << "the private copy is left behind";
+  return run;
 }
 
 Attribute V(const db::AttributeValue& v) {
@@ -139,11 +112,10 @@ class DbShellTest : public testing::TestWithParam<db::DbType> {
     ELEM_CMD_GROUP_ST* group = ElemCmdGroupCreate("reference");
     ports->InstallDebugCmd(group);
     links->InstallDebugCmd(group);
-    FILE* out = fopen(dir_.File("library").c_str(), "w");
-    for (const auto& command : commands) EXPECT_EQ(0, ElemCmdExecute(group, command.c_str(), out));
-    fclose(out);
+    std::string out;
+    for (const auto& command : commands) out += db_test::RunCommand(group, command);
     ElemCmdGroupDestroy(group);
-    return db_test::ReadFile(dir_.File("library"));
+    return out;
   }
 
   // Every file of the database with its bytes and modification time.
@@ -177,7 +149,7 @@ TEST_P(DbShellTest, CommandsPrintWhatTheLibraryPrintsAndChangeNothing) {
       "Dump links all"};
   const std::string expected = LibraryOutput(commands);  // may rewrite LevelDB's files
   const std::string before = Snapshot();
-  ShellRun run = RunShell(Args(commands));
+  db_test::ProgramRun run = RunShell(Args(commands));
   EXPECT_EQ(0, run.status) << run.err;
   EXPECT_EQ(expected, run.out);
   for (const char* shown : {"ports database size", "eth_1", "10, 20", "0x020000000001", "1.25",
@@ -217,7 +189,7 @@ TEST_P(DbShellTest, ExitStatusAndStandardError) {
        "refused"},
   };
   for (const auto& c : cases) {
-    ShellRun run = RunShell(Args(c.commands), c.input);
+    db_test::ProgramRun run = RunShell(Args(c.commands), c.input);
     EXPECT_EQ(c.status, run.status) << run.err;
     EXPECT_EQ(LibraryOutput({c.out}), run.out);
     EXPECT_NE(std::string::npos, run.err.find(c.err)) << run.err;
@@ -237,14 +209,17 @@ TEST_P(DbShellTest, LiveLevelDbDatabaseIsReadFromACopy) {
   const std::string before = Snapshot();
   const std::vector<std::string> commands = {"Get Size ports",
                                              "Retrieve Record ports " + std::to_string(id)};
-  ShellRun run = RunShell(Args(commands));
+  db_test::ProgramRun run = RunShell(Args(commands));
   EXPECT_EQ(0, run.status) << run.err;
   EXPECT_EQ(LibraryOutput(commands), run.out);
   EXPECT_EQ(before, Snapshot());
 }
 
-// Exit 2 with one line on standard error, nothing created or touched.
-TEST(DbShellOpenTest, CannotOpenOrWrongArgumentsExitsTwo) {
+// Exit 2 with one line on standard error, nothing created or touched. A file
+// written before the write-ahead log and the owner indexes (in the rollback
+// journal's mode, side table without index) is read as it is: the shell's
+// connection is read-only, whatever characters the path holds.
+TEST(DbShellOpenTest, RefusedDatabasesAndArgumentsExitTwoAndOldFilesStayAsTheyAre) {
   if (std::string(DB_SHELL_PATH).empty()) GTEST_SKIP() << "db-shell is not built";
   db_test::TempDir dir;
   std::filesystem::create_directory(dir.File("empty"));
@@ -265,30 +240,25 @@ TEST(DbShellOpenTest, CannotOpenOrWrongArgumentsExitsTwo) {
       {{"--leveldb", e, "stray"}, "unexpected argument stray"},
   };
   for (const auto& [args, message] : cases) {
-    ShellRun run = RunShell(args);
+    db_test::ProgramRun run = RunShell(args);
     EXPECT_EQ(2, run.status) << message;
     EXPECT_EQ("", run.out);
-    EXPECT_TRUE(OneLine(run.err, message)) << run.err;
+    EXPECT_NE(std::string::npos, run.err.find(message)) << run.err;
+    EXPECT_EQ(run.err.size() - 1, run.err.find('\n')) << run.err;  // one line
   }
   EXPECT_FALSE(std::filesystem::exists(dir.File("missing.sqlite")));
   EXPECT_FALSE(std::filesystem::exists(dir.File("missing")));
   EXPECT_TRUE(std::filesystem::is_empty(e));
   EXPECT_EQ("this is not a database\n", db_test::ReadFile(t));
-  ShellRun help = RunShell({"--help"});
+  db_test::ProgramRun help = RunShell({"--help"});
   EXPECT_EQ(0, help.status);
   EXPECT_EQ(0u, help.out.find("Usage: db-shell (--sqlite FILE | --leveldb DIR)")) << help.out;
   EXPECT_EQ("", help.err);
-}
 
-// A file written before the write-ahead log and the owner indexes (in the
-// rollback journal's mode, side table without index) is read as it is: the
-// shell's connection is read-only, whatever characters the path holds.
-TEST(DbShellOpenTest, SqliteFileWrittenBeforeStaysAsItIs) {
-  if (std::string(DB_SHELL_PATH).empty()) GTEST_SKIP() << "db-shell is not built";
-  db_test::TempDir dir;
-  const std::string path = dir.File("old?%23#.sqlite");
+  db_test::TempDir old_dir;
+  const std::string old = old_dir.File("old?%23#.sqlite");
   sqlite3* db = nullptr;
-  ASSERT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &db));
+  ASSERT_EQ(SQLITE_OK, sqlite3_open(old.c_str(), &db));
   ASSERT_EQ(
       SQLITE_OK,
       sqlite3_exec(db,
@@ -299,16 +269,12 @@ TEST(DbShellOpenTest, SqliteFileWrittenBeforeStaysAsItIs) {
                    "INSERT INTO repeated_field_table_ports_vlans(ID_ports, vlans) VALUES (4, 20);",
                    nullptr, nullptr, nullptr));
   sqlite3_close(db);
-  const std::string before = db_test::ReadFile(path);
-  ShellRun run = RunShell({"--sqlite", path, "-c", "Retrieve Record ports 4"});
+  const std::string before = db_test::ReadFile(old);
+  db_test::ProgramRun run = RunShell({"--sqlite", old, "-c", "Retrieve Record ports 4"});
   EXPECT_EQ(0, run.status) << run.err;
   EXPECT_NE(std::string::npos, run.out.find("1000")) << run.out;
-  EXPECT_EQ(before, db_test::ReadFile(path));
-  std::vector<std::string> files;
-  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
-    files.push_back(entry.path().filename().string());
-  }
-  EXPECT_EQ(std::vector<std::string>{"old?%23#.sqlite"}, files);
+  EXPECT_EQ(before, db_test::ReadFile(old));
+  EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(old_dir.path()), {}));
 }
 
 TEST_P(DbShellTest, TerminalCompletesCommandWordsAndRecallsHistory) {
@@ -330,8 +296,10 @@ TEST_P(DbShellTest, TerminalCompletesCommandWordsAndRecallsHistory) {
     }
     EXPECT_EQ(expected, screen);
   };
-  ASSERT_EQ(0, send("new-session -d -s shell -x 160 -y 50 \"" +
-                    ShellCommand({"--leveldb", Path()}) + "\""));
+  std::string shell;
+  for (const auto& word : db_test::ProgramCommand(DB_SHELL_PATH)) shell += "'" + word + "' ";
+  ASSERT_EQ(0,
+            send("new-session -d -s shell -x 160 -y 50 \"" + shell + "--leveldb " + Path() + "\""));
   wait_for("db-shell>");
   send("send-keys -t shell 'Get Si' Tab");  // completes the word, then a table name
   wait_for("db-shell> Get Size");
@@ -347,8 +315,6 @@ TEST_P(DbShellTest, TerminalCompletesCommandWordsAndRecallsHistory) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, DbShellTest, testing::Values(db::kSqlite, db::kLevelDb),
-                         [](const testing::TestParamInfo<db::DbType>& info) {
-                           return info.param == db::kSqlite ? "Sqlite" : "LevelDb";
-                         });
+                         db_test::BackendName);
 
 }  // namespace

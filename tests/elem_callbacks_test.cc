@@ -1,8 +1,5 @@
 #include "elem_callbacks.h"
 
-#include <stdio.h>
-#include <stdlib.h>
-
 #include <cstring>
 #include <memory>
 #include <sstream>
@@ -33,23 +30,22 @@ const std::string kNotAvailable = "\nERROR! Database not available.\n";
 
 class ElemCallbacksTest : public ::testing::TestWithParam<DbType> {
  protected:
-  void SetUp() override {
-    IdGenerator::GetInstance().Reset();  // ids count from 1 in every test
-    group_ = ElemCmdGroupCreate("db");
-  }
-  void TearDown() override {
+  ElemCallbacksTest() { IdGenerator::GetInstance().Reset(); }  // ids count from 1
+  ~ElemCallbacksTest() override {
     object_.reset();
     ElemCmdGroupDestroy(group_);
   }
 
-  // Table T: a string, an integer shown as "Port", a hidden integer and a
-  // repeated integer shown as "Vlans"; its commands installed on the group.
+  // Table T: a string, an integer shown as "Port", a hidden integer, a
+  // repeated integer shown as "Vlans" and repeated strings; its commands
+  // installed on the group.
   DbObject& MakeTable(bool create = true) {
     object_ = std::make_unique<DbObject>(dir_.File("db"), "T", false, GetParam());
     object_->AppendScalarAttribute("name", Attribute(kString), kDefault);
     object_->AppendScalarAttribute("port", Attribute(kInteger), kDefault);
     object_->AppendScalarAttribute("hidden", Attribute(kInteger), kDefault);
     object_->AppendCompositeAttribute("vlans", Attribute(kInteger), kDefault);
+    object_->AppendCompositeAttribute("tags", Attribute(kString), kDefault);
     object_->ChangeAttributeStreamableName("port", "Port");
     object_->ChangeAttributeStreamableName("hidden", "");
     object_->ChangeAttributeStreamableName("vlans", "Vlans");
@@ -58,34 +54,29 @@ class ElemCallbacksTest : public ::testing::TestWithParam<DbType> {
     return *object_;
   }
 
-  uint32_t Store(DbObject& object, const std::string& name, int32_t port,
-                 const std::vector<int32_t>& vlans) {
-    object.ClearObject();
-    object.scalar_fields()["name"] = name;
-    object.scalar_fields()["port"] = port;
-    object.scalar_fields()["hidden"] = int32_t{5};
-    for (int32_t v : vlans) object.composite_fields()["vlans"].second.emplace_back() = v;
+  uint32_t Store(const std::string& name, int32_t port, const std::vector<int32_t>& vlans,
+                 const std::vector<std::string>& tags = {}) {
+    object_->ClearObject();
+    object_->scalar_fields()["name"] = name;
+    object_->scalar_fields()["port"] = port;
+    object_->scalar_fields()["hidden"] = int32_t{5};
+    for (int32_t v : vlans) object_->composite_fields()["vlans"].second.emplace_back() = v;
+    for (const auto& t : tags) object_->composite_fields()["tags"].second.emplace_back() = t;
     uint32_t id = 0;
-    EXPECT_EQ(0, object.StoreObject(&id));
+    EXPECT_EQ(0, object_->StoreObject(&id));
     return id;
   }
 
   std::string Run(const std::string& line, bool web = false) {
-    char* buffer = nullptr;
-    size_t size = 0;
-    FILE* out = open_memstream(&buffer, &size);
-    EXPECT_EQ(0, web ? ElemCmdExecuteWeb(group_, line.c_str(), out)
-                     : ElemCmdExecute(group_, line.c_str(), out))
-        << line;
-    fclose(out);
-    std::string text(buffer, size);
-    free(buffer);
-    return text;
+    int rc = -1;
+    std::string out = db_test::RunCommand(group_, line, web, &rc);
+    EXPECT_EQ(0, rc) << line;
+    return out;
   }
 
   db_test::LogCapture log_;
   db_test::TempDir dir_;
-  ELEM_CMD_GROUP_ST* group_ = nullptr;
+  ELEM_CMD_GROUP_ST* group_ = ElemCmdGroupCreate("db");
   std::unique_ptr<DbObject> object_;
 };
 
@@ -111,29 +102,27 @@ std::string IdsTable(const std::string& table, const std::vector<uint32_t>& ids)
   return text + rule + "\n";
 }
 
-TEST_P(ElemCallbacksTest, InstallsFourCommandsWithTheirTexts) {
+TEST_P(ElemCallbacksTest, CommandTextsRecordAndSizeOutputsAndErrorTexts) {
   MakeTable();
   ASSERT_EQ(4u, ElemCmdCommandCount(group_));
-  const std::string expected[4] = {
+  const std::string commands[4] = {
       "Dump T|Dump T|Dump T Information", "Get Size T|Get size from T|Get size from T",
       "Retrieve Record T|Retrieve record from T|Retrieve record from T",
       "Retrieve Records T|Retrieve records from T|Retrieve records from T"};
   for (size_t i = 0; i < 4; ++i) {
-    EXPECT_EQ(expected[i], std::string(ElemCmdCommandText(group_, i)) + "|" +
+    EXPECT_EQ(commands[i], std::string(ElemCmdCommandText(group_, i)) + "|" +
                                ElemCmdCommandHelp(group_, i) + "|" +
                                ElemCmdCommandDescription(group_, i));
     EXPECT_EQ(0, ElemCmdCommandAccessLevel(group_, i));
     EXPECT_EQ(5120u, ElemCmdCommandFlags(group_, i));
   }
-}
-
-TEST_P(ElemCallbacksTest, RecordAndSizeOutputsAndErrorTexts) {
-  DbObject& object = MakeTable();
-  ASSERT_EQ(1u, Store(object, "a b", 80, {10, 20}));
-  Store(object, "b", 2, {});
+  // Repeated values are joined even where one shows empty; the table trims
+  // the trailing blank of the last separator.
+  ASSERT_EQ(1u, Store("a b", 80, {10, 20}, {"", "x", ""}));
+  Store("b", 2, {});
   EXPECT_EQ("Retrieving T information\n\nT internal Information\n" + kRule +
                 "\nId        1\n          Content\nname      a_b\nPort      80\n"
-                "Vlans     10, 20\n" +
+                "tags      , x,\nVlans     10, 20\n" +
                 kRule + "\n",
             Run("Retrieve Record T 1"));
   EXPECT_EQ("Getting Database size from T\n\nT database size\n--------\n2\n--------\n",
@@ -159,7 +148,7 @@ TEST_P(ElemCallbacksTest, RecordAndSizeOutputsAndErrorTexts) {
 
 TEST_P(ElemCallbacksTest, DumpSelectsByStartAndCount) {
   DbObject& object = MakeTable();
-  for (int i = 1; i <= 7; ++i) Store(object, "n", i, {});
+  for (int i = 1; i <= 7; ++i) Store("n", i, {});
   ASSERT_EQ(0, object.DeleteSingleObject(6));
   const std::pair<const char*, const char*> cases[] = {
       {"Dump T all", "1 2 3 4 5 7"}, {"Dump T * 3", "1 2 3"},        {"Dump T * 2", "1 2"},
@@ -176,10 +165,10 @@ TEST_P(ElemCallbacksTest, DumpSelectsByStartAndCount) {
 }
 
 TEST_P(ElemCallbacksTest, RetrieveRecordsListsTheIdsThatMatch) {
-  DbObject& object = MakeTable();
-  Store(object, "a", 80, {10, 20});
-  Store(object, "b", 81, {20});
-  Store(object, "c", 80, {30});
+  MakeTable();
+  Store("a", 80, {10, 20});
+  Store("b", 81, {20});
+  Store("c", 80, {30});
   const std::pair<const char*, std::vector<uint32_t>> cases[] = {
       {"-s Port=80", {1, 3}},
       {"-s Port=80,name=c,Unknown=1", {3}},
@@ -195,19 +184,16 @@ TEST_P(ElemCallbacksTest, RetrieveRecordsListsTheIdsThatMatch) {
   EXPECT_EQ(kNotAvailable, Run("Retrieve Records T -c Vlans=[20]"));
 }
 
-TEST_P(ElemCallbacksTest, MissingTableIsNotAvailable) {
+// A missing table is not available; a stored value that does not convert
+// becomes one error line, never an exception into the C shell.
+TEST_P(ElemCallbacksTest, MissingTablesAndUnconvertibleValuesGiveOneErrorLine) {
   MakeTable(false);
   for (const char* line : {"Get Size T", "Dump T all", "Retrieve Records T -s Port=1"}) {
     EXPECT_EQ(kNotAvailable, Run(line)) << line;
   }
-}
-
-// A stored value that does not convert becomes one error line, never an
-// exception into the C shell; the commands go on working.
-TEST_P(ElemCallbacksTest, UnconvertibleValuesGiveOneErrorLine) {
-  DbObject& object = MakeTable();
-  Store(object, "a", 1, {});
-  Store(object, "b", 2, {});
+  ASSERT_EQ(0, object_->CreateObjTables());
+  Store("a", 1, {});
+  Store("b", 2, {});
   const std::string failed = "\nERROR! Could not read the table: ";
   if (GetParam() == kSqlite) {  // converted when a record is read
     db_test::RawDb(dir_.File("db")).Query("UPDATE T SET port='x' WHERE ID=2;");
@@ -221,32 +207,16 @@ TEST_P(ElemCallbacksTest, UnconvertibleValuesGiveOneErrorLine) {
   }
 }
 
-TEST_P(ElemCallbacksTest, RepeatedValuesAreJoinedEvenWhenOneShowsEmpty) {
-  DbObject object(dir_.File("db"), "S", false, GetParam());
-  ASSERT_EQ(0, object.AppendScalarAttribute("n", Attribute(kInteger), kDefault));
-  ASSERT_EQ(0, object.AppendCompositeAttribute("tags", Attribute(kString), kDefault));
-  ASSERT_EQ(0, object.CreateObjTables());
-  object.InstallDebugCmd(group_);
-  object.scalar_fields()["n"] = int32_t{1};
-  for (const char* tag : {"", "x", ""})
-    object.composite_fields()["tags"].second.emplace_back() = tag;
-  uint32_t id = 0;
-  ASSERT_EQ(0, object.StoreObject(&id));
-  const std::string shown = Run("Retrieve Record S " + std::to_string(id));
-  // The table trims the trailing blank of the last separator.
-  EXPECT_EQ(", x,", Rows(shown, "tags")) << shown;
-}
-
 TEST_P(ElemCallbacksTest, ShownValuesTypedBackFindTheRecord) {
-  DbObject object(dir_.File("db"), "F", false, GetParam());
+  object_ = std::make_unique<DbObject>(dir_.File("db"), "F", false, GetParam());
   const std::vector<std::pair<const char*, PrintFormat>> fields = {
       {"hex", kHex}, {"ip", kIpAddress}, {"pfx", kIpPrefixLen}, {"mac", kMac}, {"lim", kLimId}};
   for (const auto& [name, format] : fields) {
-    ASSERT_EQ(0, object.AppendScalarAttribute(name, Attribute(kBytes), format));
+    ASSERT_EQ(0, object_->AppendScalarAttribute(name, Attribute(kBytes), format));
   }
-  ASSERT_EQ(0, object.AppendScalarAttribute("uns", Attribute(kInteger), kUnsigned));
-  ASSERT_EQ(0, object.CreateObjTables());
-  object.InstallDebugCmd(group_);
+  ASSERT_EQ(0, object_->AppendScalarAttribute("uns", Attribute(kInteger), kUnsigned));
+  ASSERT_EQ(0, object_->CreateObjTables());
+  object_->InstallDebugCmd(group_);
   uint32_t ids[2] = {0, 0};
   for (uint8_t r = 0; r < 2; ++r) {
     uint32_t limid = 0;
@@ -255,9 +225,10 @@ TEST_P(ElemCallbacksTest, ShownValuesTypedBackFindTheRecord) {
     std::memcpy(lim.data(), &limid, 4);
     const Bytes values[] = {
         {0x0a, r}, {10, 0, 0, r}, {10, r, 0, 0, 255, 255, 0, 0}, {0xaa, 0xbb, 0xcc, 1, 2, r}, lim};
-    for (size_t i = 0; i < fields.size(); ++i) object.scalar_fields()[fields[i].first] = values[i];
-    object.scalar_fields()["uns"] = int32_t{r == 0 ? -1 : 7};
-    ASSERT_EQ(0, object.StoreObject(&ids[r]));
+    for (size_t i = 0; i < fields.size(); ++i)
+      object_->scalar_fields()[fields[i].first] = values[i];
+    object_->scalar_fields()["uns"] = int32_t{r == 0 ? -1 : 7};
+    ASSERT_EQ(0, object_->StoreObject(&ids[r]));
   }
   const std::string shown = Run("Retrieve Record F " + std::to_string(ids[0]));
   EXPECT_EQ("eth_1/3", Rows(shown, "lim"));
@@ -272,9 +243,7 @@ TEST_P(ElemCallbacksTest, ShownValuesTypedBackFindTheRecord) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, ElemCallbacksTest, ::testing::Values(kSqlite, kLevelDb),
-                         [](const ::testing::TestParamInfo<DbType>& info) {
-                           return std::string(info.param == kSqlite ? "Sqlite" : "LevelDb");
-                         });
+                         db_test::BackendName);
 
 }  // namespace
 }  // namespace db

@@ -9,25 +9,20 @@ namespace {
 
 TEST(ElemCfgTest, LogClassesSeveritiesAndCategories) {
   const char* const classes[] = {"userLog", "devLog", "remoteUserLog"};
-  for (int handle = 0; handle < 3; ++handle) {
-    EXPECT_EQ(handle, ElemLogCfgGetHandle(classes[handle]));
-    EXPECT_STREQ(classes[handle], ElemLogCfgGetBaseClass(handle));
-  }
-  for (const char* unknown : {"", "userlog", "userLog ", "sysLog"}) {
-    EXPECT_EQ(-1, ElemLogCfgGetHandle(unknown)) << unknown;
-  }
-  EXPECT_EQ(-1, ElemLogCfgGetHandle(nullptr));
-  EXPECT_EQ(nullptr, ElemLogCfgGetBaseClass(-1));
-  EXPECT_EQ(nullptr, ElemLogCfgGetBaseClass(3));
-
   const char* const severities[] = {"Emergency", "Alert",  "Critical",      "Error",
                                     "Warning",   "Notice", "Informational", "Debug"};
-  for (int severity = 0; severity < 8; ++severity) {
-    EXPECT_STREQ(severities[severity], ElemLogCfgCalloutGetClassName(severity));
+  for (int i = -1; i <= 8; ++i) {
+    const bool known_class = i >= 0 && i < 3, known_severity = i >= 0 && i < 8;
+    EXPECT_STREQ(known_class ? classes[i] : nullptr, ElemLogCfgGetBaseClass(i)) << i;
+    EXPECT_STREQ(known_severity ? severities[i] : nullptr, ElemLogCfgCalloutGetClassName(i)) << i;
+    if (known_class) {
+      EXPECT_EQ(i, ElemLogCfgGetHandle(classes[i]));
+    }
   }
-  EXPECT_EQ(nullptr, ElemLogCfgCalloutGetClassName(-1));
-  EXPECT_EQ(nullptr, ElemLogCfgCalloutGetClassName(8));
-
+  for (const char* unknown :
+       {"", "userlog", "userLog ", "sysLog", static_cast<const char*>(nullptr)}) {
+    EXPECT_EQ(-1, ElemLogCfgGetHandle(unknown)) << (unknown ? unknown : "null");
+  }
   // Distinct, non-empty, null-terminated, and the library's own among them.
   const int count = ElemWebCfgGetNumCategories();
   const char* const* categories = ElemWebCfgGetCategories();

@@ -7,9 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include "support/test_util.h"
+
 namespace {
 
-using Callback = int (*)(ELEM_CMD_CONTEXT_ST*, int, char**, void*);
+using db_test::RunCommand;
 
 // What a recording callback saw.
 struct Seen {
@@ -29,28 +31,11 @@ int Record(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
 
 class ElemCmdTest : public ::testing::Test {
  protected:
-  void SetUp() override { group_ = ElemCmdGroupCreate("test"); }
-  void TearDown() override { ElemCmdGroupDestroy(group_); }
-
-  int Register(const char* command, Callback callback, void* user = nullptr) {
+  ~ElemCmdTest() override { ElemCmdGroupDestroy(group_); }
+  int Register(const char* command, ELEM_CMD_CALLBACK callback, void* user = nullptr) {
     return ElemCmdRegisterCommand(group_, command, "h", "d", 0, 0, callback, user);
   }
-
-  // Runs `line` and returns what the command printed; `*rc` gets the result.
-  std::string Run(const std::string& line, int* rc = nullptr, bool web = false) {
-    char* buffer = nullptr;
-    size_t size = 0;
-    FILE* out = open_memstream(&buffer, &size);
-    int result = web ? ElemCmdExecuteWeb(group_, line.c_str(), out)
-                     : ElemCmdExecute(group_, line.c_str(), out);
-    fclose(out);
-    std::string text(buffer, size);
-    free(buffer);
-    if (rc != nullptr) *rc = result;
-    return text;
-  }
-
-  ELEM_CMD_GROUP_ST* group_ = nullptr;
+  ELEM_CMD_GROUP_ST* group_ = ElemCmdGroupCreate("test");
 };
 
 TEST_F(ElemCmdTest, LongestMatchingCommandRunsWithTheRemainingWords) {
@@ -74,27 +59,24 @@ TEST_F(ElemCmdTest, LongestMatchingCommandRunsWithTheRemainingWords) {
   for (const auto& c : cases) {
     const int calls = c.expected->calls;
     int rc = -2;
-    Run(c.line, &rc);
+    RunCommand(group_, c.line, false, &rc);
     EXPECT_EQ(0, rc) << c.line;
     EXPECT_EQ(calls + 1, c.expected->calls) << c.line;
     EXPECT_EQ(c.args, c.expected->args) << c.line;
   }
-  EXPECT_EQ(4, show.calls);
   EXPECT_EQ(0, show.web);
-  Run("Show", nullptr, /*web=*/true);
+  RunCommand(group_, "Show", /*web=*/true);
   EXPECT_EQ(1, show.web);
-
-  // Nothing runs for a line that no command starts.
+  // Nothing runs for a line that no command starts, nor without a group,
+  // line or stream.
   for (const char* line : {"", "   ", "Sho", "Showx", "show", "Table T"}) {
     int rc = 0;
-    EXPECT_EQ("", Run(line, &rc)) << line;
+    EXPECT_EQ("", RunCommand(group_, line, false, &rc)) << line;
     EXPECT_EQ(-1, rc) << line;
   }
-  FILE* out = tmpfile();
-  EXPECT_EQ(-1, ElemCmdExecute(nullptr, "Show", out));
-  EXPECT_EQ(-1, ElemCmdExecute(group_, nullptr, out));
+  EXPECT_EQ(-1, ElemCmdExecute(nullptr, "Show", stdout));
+  EXPECT_EQ(-1, ElemCmdExecute(group_, nullptr, stdout));
   EXPECT_EQ(-1, ElemCmdExecute(group_, "Show", nullptr));
-  fclose(out);
   EXPECT_EQ(5, show.calls);
 }
 
@@ -115,8 +97,9 @@ TEST_F(ElemCmdTest, RegistrationRefusesDuplicatesAndMissingParts) {
   EXPECT_STREQ("test", ElemCmdGroupName(group_));
 }
 
-// The debug commands' outputs check the usual layouts exactly; here the limits.
-TEST_F(ElemCmdTest, TablesPrintAsAlignedColumnsUnderTheirTitle) {
+// The debug commands' outputs check the usual layouts exactly; here the
+// limits, misuse, and the usage lines.
+TEST_F(ElemCmdTest, TablesUsageAndMisuse) {
   Register("record", [](ELEM_CMD_CONTEXT_ST* ctx, int, char**, void*) {
     const uint32_t widths[] = {4, 20};
     ElemCmdStartTable(ctx, "T", 2, 0, widths, 8, 30);
@@ -126,7 +109,8 @@ TEST_F(ElemCmdTest, TablesPrintAsAlignedColumnsUnderTheirTitle) {
   });
   // The longest cell (19) beats the wanted 4; the second column keeps its 20.
   const std::string rule(19 + 2 + 20, '-');
-  EXPECT_EQ("T\n" + rule + "\na_long_display_name  7\n" + rule + "\n", Run("record"));
+  EXPECT_EQ("T\n" + rule + "\na_long_display_name  7\n" + rule + "\n",
+            RunCommand(group_, "record"));
   // Columns never grow beyond the maximum of 5: longer cells wrap.
   Register("wrap", [](ELEM_CMD_CONTEXT_ST* ctx, int, char**, void*) {
     const uint32_t widths[] = {2, 2};
@@ -134,10 +118,8 @@ TEST_F(ElemCmdTest, TablesPrintAsAlignedColumnsUnderTheirTitle) {
     ElemCmdTableEntry(ctx, 0, "abcdefghijkl");
     return ElemCmdTableEntry(ctx, 1, "xy");
   });
-  EXPECT_EQ("W\n---------\nabcde  xy\nfghij\nkl\n---------\n", Run("wrap"));
-}
+  EXPECT_EQ("W\n---------\nabcde  xy\nfghij\nkl\n---------\n", RunCommand(group_, "wrap"));
 
-TEST_F(ElemCmdTest, MisuseIsRefusedAndUsageNamesTheCommand) {
   Register("errors", [](ELEM_CMD_CONTEXT_ST* ctx, int, char**, void*) {
     ElemCmdPrintf(ctx, "%d %d %d\n", ElemCmdTableEntry(ctx, 0, "x"), ElemCmdEndTable(ctx),
                   ElemCmdStartTable(ctx, "t", 0, 0, nullptr, 0, 0));
@@ -145,23 +127,17 @@ TEST_F(ElemCmdTest, MisuseIsRefusedAndUsageNamesTheCommand) {
     ElemCmdPrintf(ctx, "%d %d\n", ElemCmdTableEntry(ctx, 1, "x"), ElemCmdTableEntry(ctx, -2, "x"));
     return ElemCmdEndTable(ctx);
   });
-  EXPECT_EQ("-1 -1 -1\n-1 -1\nt\n--------\n--------\n", Run("errors"));
+  EXPECT_EQ("-1 -1 -1\n-1 -1\nt\n--------\n--------\n", RunCommand(group_, "errors"));
   EXPECT_EQ(-1, ElemCmdPrintf(nullptr, "x"));
   EXPECT_EQ(-1, ElemCmdUsage(nullptr, "x"));
   EXPECT_EQ(0, ElemCmdWebInterface(nullptr));
 
   Register("Dump  T", [](ELEM_CMD_CONTEXT_ST* ctx, int, char**, void*) {
-    if (ElemCmdWebInterface(ctx)) {
-      ElemCmdGetVarArgs(ctx, "Dump", 2);
-    } else {
-      ElemCmdUsage(ctx, "<id>");
-    }
-    return 0;
+    if (ElemCmdWebInterface(ctx)) return ElemCmdGetVarArgs(ctx, "Dump", 2);
+    return ElemCmdUsage(ctx, "<id>");
   });
-  EXPECT_EQ("Usage: Dump T <id>\n", Run("Dump T"));
-  int rc = -2;
-  EXPECT_EQ("Dump: 2 variable arguments\n", Run("Dump T", &rc, /*web=*/true));
-  EXPECT_EQ(0, rc);
+  EXPECT_EQ("Usage: Dump T <id>\n", RunCommand(group_, "Dump T"));
+  EXPECT_EQ("Dump: 2 variable arguments\n", RunCommand(group_, "Dump T", /*web=*/true));
 }
 
 }  // namespace

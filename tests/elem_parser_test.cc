@@ -85,6 +85,8 @@ TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
   ok(kIpPrefixLen, kBytes, "10.0.0.0/12", V(Bytes{10, 0, 0, 0, 255, 240, 0, 0}));
   ok(kIpPrefixLen, kBytes, "2001:db8::/64@02:00:00:00:00:01",
      V(Bytes{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xfe, 0, 0, 1, 64}));
+  ok(kIpPrefixLen, kBytes, "fe80::1/128",
+     V(Bytes{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 128}));
   ok(kMac, kString, "AA:bb:cc:dd:ee:ff", V(std::string("AA:bb:cc:dd:ee:ff")));
   ok(kUnsigned, kInteger, "2147483648", V(INT32_MIN));
   ok(kDefault, kString, "a b", V(std::string("a b")));
@@ -94,7 +96,13 @@ TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
   fails(kDefault, kFloat, "x", "FromDefault(): ERROR! Exception 'stof' caught. value 'x' \n");
   fails(kHex, kBytes, "0xABC",
         "FromHex(): ERROR! Exception 'ParseHexString' caught. value '0xABC' \n");
+  fails(kHex, kBytes, "0xAG",
+        "FromHex(): ERROR! Exception 'ParseHexString' caught. value '0xAG' \n");
+  fails(kIpPrefixLen, kBytes, "10.0.0.0/0:",
+        "FromIpAddrPrefix(): ERROR! Exception 'prefix length' caught. value '10.0.0.0/0:' is not "
+        "an IP\n");
   fails(kHex, kFloat, "0x1", "FromHex(): ERROR! Invalid attr 2\n");
+  fails(kIpAddress, kInteger, "10.0.0.1", "FromIp(): ERROR! Invalid attr 0\n");
   fails(kIpAddress, kBytes, "1.2.3",
         "FromIp(): ERROR! Exception 'IpTextToBin' caught. value '1.2.3' is not an IP\n");
   fails(kIpPrefixLen, kBytes, "2001:db8::/96@02:00:00:00:00:01",

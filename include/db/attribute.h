@@ -56,16 +56,25 @@ using AttributeValue = boost::variant<int32_t, std::string, float, std::vector<u
 class DB_INTF_EXPORT StreamableAttr {
  public:
   virtual ~StreamableAttr();
+  // Plain text of the value.
   virtual std::string ToString() const = 0;
+  // Text for people: as ToString(), binary data in hex.
   virtual std::string ToPrintableString() const = 0;
+  // Hexadecimal form.
   virtual std::string ToHexString() const = 0;
+  // IPv4 or IPv6 address form.
   virtual std::string ToIpString() const = 0;
+  // IPv4 address+mask or IPv6 address+prefix form.
   virtual std::string ToIpPrefixLenString() const = 0;
+  // MAC address form.
   virtual std::string ToMacString() const = 0;
+  // Interface name of a logical interface id.
   virtual std::string ToLimIdString() const = 0;
+  // Unsigned 32-bit decimal form.
   virtual std::string ToUnsigned() const = 0;
 };
 
+// The value of one field: an AttributeValue and an is-set flag.
 class DB_INTF_EXPORT Attribute : public StreamableAttr {
  public:
   // Text of an attribute whose is_set flag is false.
@@ -98,8 +107,11 @@ class DB_INTF_EXPORT Attribute : public StreamableAttr {
   const T& Get() const {
     return boost::get<T>(value_);
   }
+  // The whole variant.
   const AttributeValue& value() const { return value_; }
+  // The kind of the value held, the index of the active alternative.
   AttributeType type() const { return static_cast<AttributeType>(value_.which()); }
+  // True once a value was assigned; the default value of the type until then.
   bool is_set() const { return is_set_; }
 
   // Stored size in bytes: 4 for kInteger and kFloat whether set or not; the
@@ -138,6 +150,7 @@ class DB_INTF_EXPORT Attribute : public StreamableAttr {
 // Equal when types and is_set flags agree and either both are unset or the
 // values are equal (floats by ==, so NaN never equals anything).
 DB_INTF_EXPORT bool operator==(const Attribute& a, const Attribute& b);
+// !(a == b).
 DB_INTF_EXPORT bool operator!=(const Attribute& a, const Attribute& b);
 
 // A record's scalar part, a scalar schema or a scalar filter: field name to

@@ -40,18 +40,27 @@ enum ResultCode : int32_t {
 // Receives a whole-table dump (PrintDatabase).
 using DatabasePrinter = void (*)(std::stringstream&);
 
+// A storage backend: one table of one database. Every int result is a
+// ResultCode.
 class DB_INTF_EXPORT DatabaseAPI {
  public:
   virtual ~DatabaseAPI();
 
+  // Creates the table with the fields of both schemas (the attributes' types
+  // are what matters).
   virtual int CreateTable(const ScalarFields& scalar_schema,
                           const CompositeFields& composite_schema) = 0;
+  // Creates the index `index_name` over `fields` of the table.
   virtual int AddTableIndex(const std::string& index_name,
                             const std::vector<std::string>& fields) = 0;
+  // Adds a scalar field of the prototype's type to the existing table.
   virtual int AddScalarField(const std::string& name, const Attribute& prototype) = 0;
+  // Adds a repeated field of element type `field.first` to the existing table.
   virtual int AddCompositeField(const std::string& name,
                                 const std::pair<AttributeType, std::vector<Attribute>>& field) = 0;
+  // Removes the table, its records and the storage of its repeated fields.
   virtual int DestroyTable(const CompositeFields& composite_schema) = 0;
+  // Stores a new record under `id`.
   virtual int StoreRecord(uint32_t id, const ScalarFields& scalar,
                           const CompositeFields& composite) = 0;
   // `composite_names` are the names of the object's repeated fields.
@@ -60,6 +69,7 @@ class DB_INTF_EXPORT DatabaseAPI {
   // `ids` so that the caller can give it back to the id allocator.
   virtual int DeleteRecords(std::vector<uint32_t>* ids, const ScalarFields& scalar_filter,
                             const CompositeFields& composite_filter) = 0;
+  // Replaces the stored record `id`.
   virtual int UpdateRecord(uint32_t id, const ScalarFields& scalar,
                            const CompositeFields& composite) = 0;
   // `scalar` and `composite` already name the wanted fields with their types;
@@ -72,12 +82,17 @@ class DB_INTF_EXPORT DatabaseAPI {
                               const CompositeFields& composite_filter) const = 0;
   // Writes -1 to `*size` before anything else.
   virtual int GetTableSize(int* size) const = 0;
+  // Hands the table's records to `printer`, one stream per record; -2 when the
+  // backend has no such dump.
   virtual int PrintDatabase(const CompositeFields& composite_schema,
                             DatabasePrinter printer) const = 0;
+  // True while the database is open.
   virtual bool IsConnected() const = 0;
   // Removes every record; every id removed is appended to `ids`.
   virtual int ClearTable(const CompositeFields& composite_schema, std::vector<uint32_t>* ids) = 0;
+  // Renames the table this backend works on (nothing stored changes).
   virtual void SetTableName(const std::string& name) = 0;
+  // The table this backend works on.
   virtual const std::string& GetTableName() const = 0;
 
  protected:

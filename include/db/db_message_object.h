@@ -46,6 +46,7 @@ namespace db {
 // Field name to the message field it stands for.
 using MessageFieldMap = std::map<std::string, const google::protobuf::FieldDescriptor*>;
 
+// A DbObject whose fields are those of one protobuf message type.
 class DB_INTF_EXPORT DbMessageObject : public DbObject {
  public:
   // Builds the DbObject (which may throw std::invalid_argument, see there)
@@ -73,6 +74,7 @@ class DB_INTF_EXPORT DbMessageObject : public DbObject {
   // message type, wrong label, index out of range).
   static std::string GetScalarValueAsString(const google::protobuf::Message* message,
                                             const google::protobuf::FieldDescriptor* field);
+  // As GetScalarValueAsString, for element `index` of the repeated `field`.
   static std::string GetCompositeValueAsString(const google::protobuf::Message* message,
                                                const google::protobuf::FieldDescriptor* field,
                                                int index);
@@ -88,6 +90,7 @@ class DB_INTF_EXPORT DbMessageObject : public DbObject {
   static int SetScalarField(google::protobuf::Message* message,
                             const google::protobuf::FieldDescriptor* field,
                             const std::string& text);
+  // As SetScalarField, appending one element to the repeated `field`.
   static int AddCompositeField(google::protobuf::Message* message,
                                const google::protobuf::FieldDescriptor* field,
                                const std::string& text);
@@ -103,9 +106,12 @@ class DB_INTF_EXPORT DbMessageObject : public DbObject {
   int ParseFromMessageSettedFields(const google::protobuf::Message* message, ScalarFields* scalar,
                                    CompositeFields* composite) const;
 
-  // ParseFromMessage, then StoreObject / UpdateObject / DeleteMultipleObjects.
+  // ParseFromMessage, then StoreObject.
   int StoreMessageObject(uint32_t* id, const google::protobuf::Message* message);
+  // ParseFromMessage, then UpdateObject.
   int UpdateMessageObject(uint32_t id, const google::protobuf::Message* message);
+  // ParseFromMessage, then DeleteMultipleObjects: every field of `message`,
+  // set or not, becomes part of the filter.
   int DeleteMultipleMessageObjects(const google::protobuf::Message* message);
 
   // Ids of the records matching the fields that `filter` sets; a message that
@@ -121,7 +127,9 @@ class DB_INTF_EXPORT DbMessageObject : public DbObject {
   // RetrieveMixedObject without the fields outside the message type.
   int RetrieveMessageObject(uint32_t id, google::protobuf::Message* out) const;
 
+  // The message fields behind the object's scalar fields.
   const MessageFieldMap& scalar_field_map() const { return scalar_field_map_; }
+  // The message fields behind the object's repeated fields.
   const MessageFieldMap& composite_field_map() const { return composite_field_map_; }
 
  private:

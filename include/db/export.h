@@ -4,6 +4,7 @@
 #ifndef DB_INTF_INCLUDE_DB_EXPORT_H_
 #define DB_INTF_INCLUDE_DB_EXPORT_H_
 
+// Marks a declaration as part of libdb-intf's binary interface.
 #define DB_INTF_EXPORT __attribute__((visibility("default")))
 
 #endif  // DB_INTF_INCLUDE_DB_EXPORT_H_

@@ -35,16 +35,17 @@ extern "C" {
 // Longest endpoint name, in bytes.
 #define IPC_MAX_NAME 63u
 
+// An open endpoint (opaque).
 typedef struct ipc_endpoint ipc_endpoint;
 
 // A received message. `data` holds `size` bytes (null when `size` is 0) and
 // stays valid until ipc_free, also after the endpoint is closed. `sender` is
 // set by the router: a client cannot claim another address.
 typedef struct ipc_message {
-  uint32_t type;
-  uint32_t sender;
-  uint32_t size;
-  const void* data;
+  uint32_t type;     // the sender's message type
+  uint32_t sender;   // address of the sending endpoint
+  uint32_t size;     // payload bytes
+  const void* data;  // the payload
 } ipc_message;
 
 // Opens an endpoint named `name`: 1 to IPC_MAX_NAME printable ASCII bytes

@@ -38,7 +38,9 @@
 extern "C" {
 #endif
 
+// A group of commands (opaque).
 typedef struct ELEM_CMD_GROUP_ST ELEM_CMD_GROUP_ST;
+// The run of one command line: its output and open table (opaque).
 typedef struct ELEM_CMD_CONTEXT_ST ELEM_CMD_CONTEXT_ST;
 
 // A command callback: `argv[0]` is the first argument after the command text,
@@ -73,13 +75,19 @@ ELEM_PLATFORM_EXPORT int ElemCmdExecuteWeb(ELEM_CMD_GROUP_ST* group, const char*
 
 // Registered commands, in registration order (for help texts and completion).
 // The accessors return null for a null group or an index out of range.
+//
+// Number of registered commands; 0 for a null group.
 ELEM_PLATFORM_EXPORT size_t ElemCmdCommandCount(const ELEM_CMD_GROUP_ST* group);
+// Command text of command `index`, its words separated by one blank.
 ELEM_PLATFORM_EXPORT const char* ElemCmdCommandText(const ELEM_CMD_GROUP_ST* group, size_t index);
+// One-line help given at registration.
 ELEM_PLATFORM_EXPORT const char* ElemCmdCommandHelp(const ELEM_CMD_GROUP_ST* group, size_t index);
+// Description given at registration.
 ELEM_PLATFORM_EXPORT const char* ElemCmdCommandDescription(const ELEM_CMD_GROUP_ST* group,
                                                            size_t index);
-// Access level and flag word given at registration; 0 when out of range.
+// Access level given at registration; 0 when out of range.
 ELEM_PLATFORM_EXPORT int ElemCmdCommandAccessLevel(const ELEM_CMD_GROUP_ST* group, size_t index);
+// Flag word given at registration; 0 when out of range.
 ELEM_PLATFORM_EXPORT uint32_t ElemCmdCommandFlags(const ELEM_CMD_GROUP_ST* group, size_t index);
 
 // ---- Calls made by the commands.

@@ -15,7 +15,7 @@ namespace nettypes {
 // A 6-byte MAC address.
 class ELEM_PLATFORM_EXPORT MACAddr {
  public:
-  static constexpr size_t kSize = 6;
+  static constexpr size_t kSize = 6;  // bytes of an address
   MACAddr();
   // Accepts exactly "aa:bb:cc:dd:ee:ff" (hex digits of either case); throws
   // std::invalid_argument on anything else, leaving the address unchanged.
@@ -25,6 +25,7 @@ class ELEM_PLATFORM_EXPORT MACAddr {
   void set_addr(const unsigned char* bytes);
   // Lower-case colon form, "aa:bb:cc:dd:ee:ff".
   std::string to_string() const;
+  // The 6 bytes, in transmission order.
   const std::array<uint8_t, kSize>& bytes() const { return addr_; }
 
  private:
@@ -36,7 +37,7 @@ class ELEM_PLATFORM_EXPORT MACAddr {
 // is contiguous, otherwise in dotted form, "10.0.0.0/255.0.255.0").
 class ELEM_PLATFORM_EXPORT IPv4AddrMask {
  public:
-  static constexpr size_t kSize = 8;
+  static constexpr size_t kSize = 8;  // bytes of the byte form
   IPv4AddrMask();
   // Writes the 8-byte form to `out`; does nothing for a null `out`.
   void Serialize(uint8_t* out) const;
@@ -45,8 +46,11 @@ class ELEM_PLATFORM_EXPORT IPv4AddrMask {
   // Parses "a.b.c.d/len" (len 0..32) or "a.b.c.d/m.m.m.m"; a bare address
   // means /32. Throws std::invalid_argument on anything else.
   void Parse(const std::string& text);
+  // The text form.
   std::string to_string() const;
+  // The address, in network order.
   const std::array<uint8_t, 4>& addr() const { return addr_; }
+  // The mask, in network order.
   const std::array<uint8_t, 4>& mask() const { return mask_; }
 
  private:
@@ -58,7 +62,7 @@ class ELEM_PLATFORM_EXPORT IPv4AddrMask {
 // network order then the prefix length. Text form: "2001:db8::/32".
 class ELEM_PLATFORM_EXPORT IPv6AddrMask {
  public:
-  static constexpr size_t kSize = 17;
+  static constexpr size_t kSize = 17;  // bytes of the byte form
   IPv6AddrMask();
   // Writes the 17-byte form to `out`; does nothing for a null `out`.
   void Serialize(uint8_t* out) const;
@@ -68,8 +72,11 @@ class ELEM_PLATFORM_EXPORT IPv6AddrMask {
   // Parses "addr/len" (len 0..128); a bare address means /128. Throws
   // std::invalid_argument on anything else.
   void Parse(const std::string& text);
+  // The text form.
   std::string to_string() const;
+  // The address, in network order.
   const std::array<uint8_t, 16>& addr() const { return addr_; }
+  // The prefix length, 0..128.
   uint8_t prefix_len() const { return prefix_len_; }
 
  private:

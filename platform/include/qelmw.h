@@ -11,10 +11,12 @@
 extern "C" {
 #endif
 
+// A middleware handle of one application (opaque).
 typedef struct qelmw_s qelmw_t;
 
 // A middleware handle for the application `app_name`; null for a null name.
 ELEM_PLATFORM_EXPORT qelmw_t* qelmw_create(const char* app_name);
+// Frees the handle; null is accepted.
 ELEM_PLATFORM_EXPORT void qelmw_destroy(qelmw_t* mw);
 // The application name given to qelmw_create.
 ELEM_PLATFORM_EXPORT const char* qelmw_app_name(const qelmw_t* mw);

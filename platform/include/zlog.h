@@ -17,6 +17,7 @@
 extern "C" {
 #endif
 
+// A log category (opaque), named by zlog_get_category.
 typedef struct zlog_category_s zlog_category_t;
 
 // Returns the category registered under `name`, creating it on first use.

@@ -1,13 +1,9 @@
-// Process-crash probe. A writer process stores, updates and deletes records
-// whose contents are a function of a sequence number, and acknowledges every
-// call that returned 0 on an unbuffered pipe; the test kills it with SIGKILL at
-// random moments and after each kill reopens the database and checks that
-// every acknowledged write is there exactly, every acknowledged delete is gone,
-// no record is torn, and the writer's new ids never collided with stored ones.
-//
-// The shared in-memory SQLite database is left out: it dies with the process
-// that holds it, so nothing of it survives a crash to be checked.
-//
+// Process-crash probe. A writer stores, updates and deletes records whose
+// contents follow from a sequence number and acknowledges every call that
+// returned 0 on a pipe; the test kills it (SIGKILL) at random moments and then
+// checks that every acknowledged write is there exactly, every acknowledged
+// delete is gone, nothing is torn and new ids never collided with stored ones.
+// (A shared in-memory SQLite database dies with its process: left out.)
 //   DB_INTF_CRASH_KILLS=200   kills per backend (default 50)
 //   DB_INTF_CRASH_SEED=n      repeats a run (the seed is printed)
 //   crash_test write KIND DB SEQ   the writer, started by the test

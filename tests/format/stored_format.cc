@@ -9,7 +9,6 @@
 // Exit status 0 when every check passed, 1 when one failed, 2 on bad arguments.
 
 #include <leveldb/db.h>
-#include <spawn.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 
@@ -24,8 +23,6 @@
 #include "db/db_object.h"
 #include "support/leveldb_util.h"
 #include "support/test_util.h"
-
-extern char** environ;
 
 namespace {
 
@@ -51,39 +48,25 @@ struct Record {
   db::CompositeFields composites;
 };
 
+Record Make(Attribute mac, const std::string& name, Attribute ratio, int32_t speed,
+            std::vector<Attribute> aliases, std::vector<Attribute> keys,
+            std::vector<Attribute> vlans, std::vector<Attribute> weights) {
+  return {{{"mac", mac}, {"name", Set(name)}, {"ratio", ratio}, {"speed", Set(speed)}},
+          {{"aliases", {db::kString, aliases}},
+           {"keys", {db::kBytes, keys}},
+           {"vlans", {db::kInteger, vlans}},
+           {"weights", {db::kFloat, weights}}}};
+}
+
 std::vector<Record> Records() {
   const int32_t kMin = std::numeric_limits<int32_t>::min();
   const int32_t kMax = std::numeric_limits<int32_t>::max();
-  auto repeated = [](db::AttributeType type, std::vector<Attribute> values) {
-    return std::make_pair(type, std::move(values));
-  };
-  return {
-      {{{"mac", Set(Bytes{0x00, 0xff, 0x80, 0x7f, 0x0a, 0x01})},
-        {"name", Set(std::string("eth 1/3, 'up'"))},
-        {"ratio", Set(-2.5f)},
-        {"speed", Set(kMin)}},
-       {{"aliases", repeated(db::kString, {Set(std::string("a,b")), Set(std::string("x'y"))})},
-        {"keys",
-         repeated(db::kBytes, {Set(Bytes{0xde, 0xad, 0xbe, 0xef}), Set(Bytes{0xff, 0x00})})},
-        {"vlans", repeated(db::kInteger, {Set(10), Set(-1), Set(kMax)})},
-        {"weights", repeated(db::kFloat, {Set(0.1f), Set(1e7f)})}}},
-      {{{"mac", Attribute(db::kBytes)},
-        {"name", Set(std::string("eth0"))},
-        {"ratio", Attribute(db::kFloat)},
-        {"speed", Set(1000)}},
-       {{"aliases", repeated(db::kString, {})},
-        {"keys", repeated(db::kBytes, {})},
-        {"vlans", repeated(db::kInteger, {})},
-        {"weights", repeated(db::kFloat, {})}}},
-      {{{"mac", Set(Bytes{2, 0, 0, 0, 0, 1})},
-        {"name", Set(std::string("lo"))},
-        {"ratio", Set(1.5f)},
-        {"speed", Set(0x01020304)}},
-       {{"aliases", repeated(db::kString, {})},
-        {"keys", repeated(db::kBytes, {})},
-        {"vlans", repeated(db::kInteger, {Set(20)})},
-        {"weights", repeated(db::kFloat, {})}}},
-  };
+  return {Make(Set(Bytes{0x00, 0xff, 0x80, 0x7f, 0x0a, 0x01}), "eth 1/3, 'up'", Set(-2.5f), kMin,
+               {Set(std::string("a,b")), Set(std::string("x'y"))},
+               {Set(Bytes{0xde, 0xad, 0xbe, 0xef}), Set(Bytes{0xff, 0x00})},
+               {Set(10), Set(-1), Set(kMax)}, {Set(0.1f), Set(1e7f)}),
+          Make(Attribute(db::kBytes), "eth0", Attribute(db::kFloat), 1000, {}, {}, {}, {}),
+          Make(Set(Bytes{2, 0, 0, 0, 0, 1}), "lo", Set(1.5f), 0x01020304, {}, {}, {Set(20)}, {})};
 }
 
 std::string LevelDbPath(const std::string& dir) { return dir + "/store"; }
@@ -165,7 +148,8 @@ void VerifyBytes(const std::string& dir) {
              "LevelDB stored bytes");
   // Bytes and strings are stored as escaped text: 0x00 as FF FE, 0xFF as FF FF.
   CheckEqual(RawSqlite(SqlitePath(dir),
-                       "SELECT hex(mac) || '|' || name || '|' || ratio || '|' || speed FROM ports "
+                       "SELECT hex(mac) || '|' || name || '|' || ratio || '|' || speed FROM "
+                       "ports "
                        "UNION ALL SELECT sql FROM sqlite_master WHERE name = 'by_name' "
                        "UNION ALL SELECT hex(keys) FROM repeated_field_table_ports_keys"),
              {"FFFEFFFF807F0A01|eth 1/3, 'up'|-2.5|-2147483648", "NULL",
@@ -216,16 +200,11 @@ void Verify(const std::string& dir) {
 }
 
 // Runs `command` followed by `mode` and `dir`; true when it exits 0.
-bool Run(const std::vector<std::string>& command, const char* mode, const std::string& dir) {
-  std::vector<std::string> words = command;
-  words.insert(words.end(), {mode, dir});
-  std::vector<char*> argv;
-  for (auto& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  pid_t pid = 0;
+bool Run(std::vector<std::string> command, const char* mode, const std::string& dir) {
+  command.insert(command.end(), {mode, dir});
   int status = 0;
-  if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return false;
-  return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return waitpid(db_test::StartProgram(command, 1, 2), &status, 0) > 0 && WIFEXITED(status) &&
+         WEXITSTATUS(status) == 0;
 }
 
 }  // namespace
@@ -246,7 +225,9 @@ int main(int argc, char** argv) {
     Check(Run(peer, "write", theirs.path()), "peer write");
     Verify(theirs.path());
   } else {
-    fprintf(stderr, "usage: stored-format write DIR | verify DIR | exchange PEER-COMMAND...\n");
+    fprintf(stderr,
+            "usage: stored-format write DIR | verify DIR | exchange "
+            "PEER-COMMAND...\n");
     return 2;
   }
   printf("stored-format %s: %s\n", mode.c_str(), failures == 0 ? "passed" : "FAILED");

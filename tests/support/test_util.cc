@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -96,7 +97,9 @@ std::vector<std::string> ProgramCommand(const std::string& program) {
   return argv;
 }
 
-pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd) {
+namespace {
+
+pid_t Start(const std::vector<std::string>& argv, int in_fd, int out_fd, int err_fd) {
   std::vector<std::string> args = argv;
   std::vector<char*> pointers;
   for (std::string& arg : args) pointers.push_back(arg.data());
@@ -104,12 +107,54 @@ pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd)
   const pid_t pid = fork();
   if (pid != 0) return pid;
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives the test, even one that dies
-  const int null_fd = open("/dev/null", O_RDONLY);
-  dup2(null_fd, 0);
+  dup2(in_fd, 0);
   dup2(out_fd, 1);
   dup2(err_fd, 2);
   execvp(pointers[0], pointers.data());
   _exit(127);
+}
+
+}  // namespace
+
+pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd) {
+  const int null_fd = open("/dev/null", O_RDONLY);
+  const pid_t pid = Start(argv, null_fd, out_fd, err_fd);
+  close(null_fd);
+  return pid;
+}
+
+ProgramRun RunProgram(const std::vector<std::string>& argv, const std::string& input) {
+  TempDir io;
+  std::ofstream(io.File("in")) << input;
+  const int in = open(io.File("in").c_str(), O_RDONLY);
+  const int out = open(io.File("out").c_str(), O_WRONLY | O_CREAT, 0600);
+  const int err = open(io.File("err").c_str(), O_WRONLY | O_CREAT, 0600);
+  const pid_t pid = Start(argv, in, out, err);
+  close(in), close(out), close(err);
+  int status = 0;
+  for (int waited_ms = 0; waitpid(pid, &status, WNOHANG) == 0; waited_ms += 5) {
+    if (waited_ms >= 60000) kill(pid, SIGKILL);
+    usleep(5000);
+  }
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(io.File("out")),
+          ReadFile(io.File("err"))};
+}
+
+std::string BackendName(const testing::TestParamInfo<db::DbType>& info) {
+  return info.param == db::kSqlite ? "Sqlite" : "LevelDb";
+}
+
+std::string RunCommand(ELEM_CMD_GROUP_ST* group, const std::string& line, bool web, int* rc) {
+  char* buffer = nullptr;
+  size_t size = 0;
+  FILE* out = open_memstream(&buffer, &size);
+  const int result =
+      web ? ElemCmdExecuteWeb(group, line.c_str(), out) : ElemCmdExecute(group, line.c_str(), out);
+  fclose(out);
+  std::string text(buffer, size);
+  free(buffer);
+  if (rc != nullptr) *rc = result;
+  return text;
 }
 
 std::set<uint32_t> FreeIds() {

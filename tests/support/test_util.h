@@ -12,6 +12,11 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "db/database_api.h"
+#include "elem_cmd.h"
+
 namespace db_test {
 
 // A fresh directory under $TMPDIR (or /tmp), removed with everything in it
@@ -70,6 +75,25 @@ std::vector<std::string> ProgramCommand(const std::string& program);
 // its process id (the caller waits for it). The program is killed when the
 // calling process dies.
 pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd);
+
+// What a program wrote and how it ended: its exit status, or -1 when it was
+// killed by a signal or after a minute.
+struct ProgramRun {
+  int status = -1;
+  std::string out, err;
+};
+
+// Runs `argv` (a ProgramCommand plus arguments) with `input` on standard
+// input and waits for it.
+ProgramRun RunProgram(const std::vector<std::string>& argv, const std::string& input = "");
+
+// "Sqlite" or "LevelDb": the name of a test that runs on backend `info.param`.
+std::string BackendName(const testing::TestParamInfo<db::DbType>& info);
+
+// Runs `line` on `group` (as the web interface with `web`) and returns what it
+// printed; `*rc`, when given, gets the result.
+std::string RunCommand(ELEM_CMD_GROUP_ST* group, const std::string& line, bool web = false,
+                       int* rc = nullptr);
 
 // The free ids of the process-wide allocator, one by one (small tests only).
 std::set<uint32_t> FreeIds();

@@ -17,12 +17,17 @@
 
 namespace {
 
+// The manual page is generated from this text (help2man): a "Usage:" line,
+// paragraphs separated by blank lines, options indented with their
+// descriptions two blanks or more to the right.
 constexpr const char* kUsage =
-    "usage: ipc-router [--socket PATH] [--node NAME [--listen HOST:PORT]\n"
+    "Usage: ipc-router [--socket PATH] [--node NAME [--listen HOST:PORT]\n"
     "                  [--link PEER=HOST:PORT]... [--heartbeat-ms N]] [--status]\n"
-    "  Routes messages between the endpoints of this node (db/ipc.h) and, with\n"
-    "  --node, between them and the endpoints of linked nodes, which are found\n"
-    "  as \"NODE/name\".\n"
+    "\n"
+    "Routes messages between the endpoints of this node (db/ipc.h) and, with\n"
+    "--node, between them and the endpoints of linked nodes, which are found as\n"
+    "\"NODE/name\". Stops on SIGTERM or SIGINT and removes its socket file.\n"
+    "\n"
     "  --socket PATH        the Unix socket to serve, else $IPC_ROUTER_SOCKET,\n"
     "                       else /run/ipc-router.sock (created with mode 0660)\n"
     "  --node NAME          this node's name in links (1 to 63 printable bytes,\n"
@@ -43,16 +48,11 @@ constexpr const char* kUsage =
     "  --status             print the endpoints, watches, finds, links and\n"
     "                       counters of the router serving the socket, then exit\n"
     "  --help               this text\n"
-    "  A link is one TCP connection either router may dial; when both dial at\n"
-    "  once, the connection dialled by the node whose name sorts first is kept.\n"
-    "  A peer that sends a malformed or oversized frame, or claims a node name\n"
-    "  already linked or this router's own, is disconnected with one log line.\n"
-    "  Logs to standard error: one line per refused or dropped connection and\n"
-    "  per link that comes up or goes down.\n"
-    "  Stops on SIGTERM or SIGINT and removes its socket file.\n"
-    "  Exit status: 0 after a clean stop, --help or --status; 1 when it cannot\n"
-    "  serve (a live router on the socket, a bad or busy address) or --status\n"
-    "  gets no answer; 2 on bad arguments.\n";
+    "\n"
+    "A link is one TCP connection either router may dial; when both dial at once,\n"
+    "the connection dialled by the node whose name sorts first is kept. A peer\n"
+    "that sends a malformed or oversized frame, or claims a node name already\n"
+    "linked or this router's own, is disconnected with one log line.\n";
 
 // "--name VALUE" at argv[*i]: sets *value and steps over it.
 bool Value(int argc, char** argv, int* i, const char* name, std::string* value) {
