@@ -176,10 +176,12 @@ def ipc_section(runs, rows):
         "`bench/ipc_bench`: every endpoint is a process of its own; `Raw` is a Unix socketpair "
         "between two processes doing the same exchange (one write per message, the reader "
         "reading in bulk), the physical limit of a routed design, which pays two hops. Rows "
-        "`Ipc/<op>` compare wall-clock time, rows `Ipc/Cpu/<op>` the CPU time of every process "
-        "involved (the router included), which a busy machine does not stretch. Medians of 5 "
-        "runs. Ratio = routed time per message / raw time per message (a throughput of at least "
-        "a third of raw is a ratio of at most 3).",
+        "`Ipc/Link<op>` go from an endpoint on node A to one on node B through two routers "
+        "linked over TCP on loopback (three hops), beside a raw TCP connection on loopback "
+        "between two processes. Rows `Ipc/<op>` compare wall-clock time, rows `Ipc/Cpu/<op>` "
+        "the CPU time of every process involved (the routers included), which a busy machine "
+        "does not stretch. Medians of 5 runs. Ratio = routed time per message / raw time per "
+        "message (a throughput of at least a third of raw is a ratio of at most 3).",
         "",
         "| Pair | routed msgs/s | raw msgs/s | ratio | target | met |",
         "|---|---:|---:|---:|---:|:---:|",
@@ -194,6 +196,11 @@ def ipc_section(runs, rows):
     if "Ipc/Cost/KillToWatchNotice" in runs:
         lines += ["", "From SIGKILL of a peer's process to its watch notice: %.0f us (median)."
                   % (runs["Ipc/Cost/KillToWatchNotice"][0] / 1e3)]
+    if "Ipc/Cost/StopToWatchNotice" in runs:
+        lines += ["", "From SIGSTOP of a linked node's router, right after a frame from it, to the "
+                  "notice of a watch on one of its endpoints, with the default heartbeat of 500 ms: "
+                  "%.3f s (median; the bound is three intervals of silence)."
+                  % (runs["Ipc/Cost/StopToWatchNotice"][1] / 1e9)]
     return lines
 
 

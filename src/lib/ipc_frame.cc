@@ -23,18 +23,24 @@ void Put32(uint32_t v, uint8_t* p) {
 int64_t MaxPayload(uint8_t command) {
   switch (command) {
     case kOpen:
+    case kHello:
+    case kEndpointUp:
       return IPC_MAX_NAME;
     case kFind:
       return 2 * IPC_MAX_NAME + 1;  // "NODE/name"
     case kSend:
     case kMessage:
     case kStatusText:
+    case kLinkMessage:
       return IPC_MAX_SIZE;
     case kOpenReply:
     case kWatch:
     case kUnwatch:
     case kWatchFired:
     case kStatus:
+    case kHeartbeat:
+    case kEndpointDown:
+    case kCredit:
       return 0;
     default:
       return -1;

@@ -15,6 +15,9 @@
 //       12      4  from      sender address (always set by the router)
 //       16      4  to        destination address
 //       20      4  arg       command argument (watch id, status code)
+//
+// Between routers the same frames travel over TCP, with the link commands:
+// `from` and `to` are then addresses on the node that owns the endpoint.
 
 #ifndef DB_INTF_SRC_LIB_IPC_FRAME_H_
 #define DB_INTF_SRC_LIB_IPC_FRAME_H_
@@ -44,6 +47,16 @@ enum Command : uint8_t {
   kWatchFired = 8,   // router: from = address gone, type, arg = watch id
   kStatus = 9,       // operator: asks for the status text
   kStatusText = 10,  // router: a piece of the status text; the router closes after the last
+
+  // Between routers. The dialling router sends kHello first; the other answers
+  // with its own kHello, or closes. Then each sends kEndpointUp for every
+  // endpoint it has, and from then on for every endpoint that opens.
+  kHello = 32,         // payload = node name, arg = heartbeat interval in ms (> 0)
+  kHeartbeat = 33,     // nothing; sent every interval
+  kEndpointUp = 34,    // from = address, payload = endpoint name
+  kEndpointDown = 35,  // from = address
+  kLinkMessage = 36,   // from = sender, to = receiver (on the receiving node), type, payload
+  kCredit = 37,        // to = receiver on the sending node, arg = bytes of its messages delivered
 };
 
 // arg of kOpenReply. Our own numbers rather than errno values, which differ

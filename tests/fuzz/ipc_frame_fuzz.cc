@@ -1,9 +1,11 @@
 // libFuzzer target: the messaging frame parser, fed a byte stream the way the
-// router meets a client's (or a peer router's) socket.
+// router meets a client's or a peer router's socket (the seeds hold both kinds
+// of frames), and the names those frames carry.
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "ipc_frame.h"
 
@@ -27,6 +29,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Every shorter prefix of it is a valid beginning, never malformed.
     for (size_t cut : {size_t{0}, size_t{1}, size_t{7}, db::ipc::kFrameHeaderSize, len - 1}) {
       if (cut < len && db::ipc::ParseFrame(data + pos, cut, &h) != ParseResult::kNeedMore) abort();
+    }
+    // A name a client opens or a peer router announces (or its own node name)
+    // can be found from another node as "NODE/name".
+    const char* payload = reinterpret_cast<const char*>(data + pos + db::ipc::kFrameHeaderSize);
+    if (db::ipc::MaxPayload(h.command) == IPC_MAX_NAME && db::ipc::ValidName(payload, h.size)) {
+      std::string remote = std::string(payload, h.size) + "/" + std::string(payload, h.size);
+      if (!db::ipc::ValidFindName(remote.data(), remote.size())) abort();
     }
     pos += len;
   }

@@ -33,6 +33,8 @@ bool UnixAddress(const std::string& path, sockaddr_un* addr) {
   return true;
 }
 
+}  // namespace
+
 FrameHeader Header(uint8_t command, uint32_t from, uint32_t type, uint32_t arg) {
   FrameHeader h;
   h.command = command;
@@ -42,7 +44,11 @@ FrameHeader Header(uint8_t command, uint32_t from, uint32_t type, uint32_t arg) 
   return h;
 }
 
-}  // namespace
+int64_t NowUs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
 
 void Log(const char* format, ...) {
   char line[512] = "ipc-router: ";
@@ -57,7 +63,8 @@ void Log(const char* format, ...) {
   (void)w;
 }
 
-Router::Router(std::string socket_path) : path_(std::move(socket_path)) {
+Router::Router(std::string socket_path, LinkOptions links)
+    : path_(std::move(socket_path)), options_(std::move(links)) {
   // Addresses count up from a point that moves with the clock, so that a
   // restarted router does not hand out the addresses its predecessor just
   // used; within one router an address comes back only after 2^32 - 1 opens.
@@ -73,6 +80,7 @@ Router::~Router() {
     unlink(path_.c_str());
   }
   if (spare_fd_ >= 0) close(spare_fd_);
+  if (link_fd_ >= 0) close(link_fd_);
 }
 
 bool Router::Listen() {
@@ -117,41 +125,51 @@ bool Router::Listen() {
     return false;
   }
   spare_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  return true;
+  return options_.node.empty() || ListenLinks();
 }
 
 void Router::Run(int stop_fd) {
   std::vector<pollfd> fds;
   std::vector<Conn*> polled;
+  int timeout = options_.node.empty() ? -1 : Tick();
   for (;;) {
     fds.clear();
     polled.clear();
     fds.push_back({stop_fd, POLLIN, 0});
     fds.push_back({listen_fd_, POLLIN, 0});
+    fds.push_back({link_fd_, POLLIN, 0});
     for (auto& c : conns_) {
       short events = 0;
-      if (c->parked_on == nullptr && !c->closing) events |= POLLIN;
-      if (c->queued_bytes() > 0) events |= POLLOUT;
+      if (c->parked_on == nullptr && !c->closing && !c->connecting) events |= POLLIN;
+      if (c->queued_bytes() > 0 || !c->urgent.empty() || c->connecting) events |= POLLOUT;
       // A descriptor polled for nothing would still report hang-ups: leave
       // parked connections out entirely.
       fds.push_back({events != 0 ? c->fd : -1, events, 0});
       polled.push_back(c.get());
     }
-    if (poll(fds.data(), fds.size(), -1) < 0) {
+    if (poll(fds.data(), fds.size(), timeout) < 0) {
       if (errno == EINTR) continue;
       Log("poll failed: %s", strerror(errno));
       return;
     }
     if (fds[0].revents != 0) return;
-    if (fds[1].revents != 0) Accept();
+    if (fds[1].revents != 0) Accept(listen_fd_);
+    if (fds[2].revents != 0) Accept(link_fd_);
     for (size_t i = 0; i < polled.size(); ++i) {
       Conn* c = polled[i];
-      short r = fds[i + 2].revents;
+      short r = fds[i + 3].revents;
       if (c->dead || r == 0) continue;
-      if ((r & (POLLOUT | POLLHUP | POLLERR)) != 0 && c->queued_bytes() > 0) Flush(c);
+      if (c->connecting) {
+        Connected(c);
+        continue;
+      }
+      if ((r & (POLLOUT | POLLHUP | POLLERR)) != 0) Flush(c);
       bool reading = c->parked_on == nullptr && !c->closing;
       if (!c->dead && reading && (r & (POLLIN | POLLHUP | POLLERR)) != 0) Read(c);
     }
+    // Links first: supervision after the reads, so that heartbeats that
+    // waited in a socket while this router was not running still count.
+    if (!options_.node.empty()) timeout = Tick();
     // Handle unparked senders and write what was queued, until neither
     // produces more work.
     while (!runnable_.empty() || !dirty_.empty()) {
@@ -170,19 +188,29 @@ void Router::Run(int stop_fd) {
     conns_.erase(std::remove_if(conns_.begin(), conns_.end(),
                                 [](const std::unique_ptr<Conn>& c) { return c->dead; }),
                  conns_.end());
+    // A link the peer dialled is forgotten once down (nothing refers to it
+    // then): a peer cannot make the router keep records of made-up nodes.
+    links_.erase(std::remove_if(links_.begin(), links_.end(),
+                                [](const std::unique_ptr<Link>& l) {
+                                  return l->state == Link::kDown && l->dial_len == 0;
+                                }),
+                 links_.end());
   }
 }
 
-void Router::Accept() {
+void Router::Accept(int listen_fd) {
   for (int i = 0; i < kAcceptBurst; ++i) {
-    int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    sockaddr_storage from;
+    socklen_t from_len = sizeof(from);
+    int fd = accept4(listen_fd, reinterpret_cast<sockaddr*>(&from), &from_len,
+                     SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) {
       if ((errno == EMFILE || errno == ENFILE) && spare_fd_ >= 0) {
         // Out of descriptors: accept with the spare one and refuse at once,
         // rather than leave the connection pending and spin on it.
         // (accept fails so even when nothing is pending.)
         close(spare_fd_);
-        fd = accept(listen_fd_, nullptr, nullptr);
+        fd = accept(listen_fd, nullptr, nullptr);
         spare_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
         if (fd < 0) return;
         Log("refused a connection: out of file descriptors");
@@ -193,6 +221,10 @@ void Router::Accept() {
         Log("accept failed: %s", strerror(errno));
       }
       return;
+    }
+    if (listen_fd == link_fd_) {
+      AddLinkConn(fd, from, from_len);
+      continue;
     }
     auto c = std::make_unique<Conn>();
     c->fd = fd;
@@ -212,7 +244,10 @@ void Router::Read(Conn* c) {
     return;
   }
   c->in_len += static_cast<size_t>(n);
+  if (c->kind == Conn::kLink) c->heard_us = NowUs();
   HandleInput(c);
+  // After the frames: a peer's hello counts for the link it brings up.
+  if (c->kind == Conn::kLink && c->link != nullptr) c->link->bytes_in += static_cast<uint64_t>(n);
 }
 
 void Router::HandleInput(Conn* c) {
@@ -226,8 +261,11 @@ void Router::HandleInput(Conn* c) {
     }
     if (r == ParseResult::kNeedMore) break;
     bool parked = false;
-    if (!HandleFrame(c, h, c->in.data() + pos + db::ipc::kFrameHeaderSize, &parked)) {
-      Close(c, "unexpected command " + std::to_string(h.command));
+    const uint8_t* payload = c->in.data() + pos + db::ipc::kFrameHeaderSize;
+    std::string error = c->kind == Conn::kLink ? HandleLinkFrame(c, h, payload)
+                                               : HandleFrame(c, h, payload, &parked);
+    if (!error.empty()) {
+      Close(c, error);
       return;
     }
     if (parked) break;
@@ -240,13 +278,15 @@ void Router::HandleInput(Conn* c) {
   if (c->in_len == 0 && c->in.size() > kReadChunk) std::vector<uint8_t>().swap(c->in);
 }
 
-bool Router::HandleFrame(Conn* c, const FrameHeader& h, const uint8_t* payload, bool* parked) {
+std::string Router::HandleFrame(Conn* c, const FrameHeader& h, const uint8_t* payload,
+                                bool* parked) {
+  const std::string unexpected = "unexpected command " + std::to_string(h.command);
   if (c->kind == Conn::kNew) {
     if (h.command == db::ipc::kOpen) {
       Open(c, h, payload);
-      return true;
+      return "";
     }
-    if (h.command != db::ipc::kStatus) return false;
+    if (h.command != db::ipc::kStatus) return unexpected;
     c->kind = Conn::kStatus;
     std::string text = StatusText();
     for (size_t at = 0; at < text.size(); at += IPC_MAX_SIZE) {
@@ -255,47 +295,60 @@ bool Router::HandleFrame(Conn* c, const FrameHeader& h, const uint8_t* payload, 
       Queue(c, piece, text.data() + at);
     }
     c->closing = true;
-    return true;
+    return "";
   }
-  if (c->kind != Conn::kClient) return false;
+  if (c->kind != Conn::kClient) return unexpected;
   Endpoint* self = c->endpoint;
   switch (h.command) {
     case db::ipc::kSend: {
       auto dest = by_address_.find(h.to);
       if (dest == by_address_.end()) {
         ++dropped_;  // the sender learns of it through a watch
-        return true;
+        return "";
       }
-      Conn* to = dest->second->conn;
+      Endpoint* d = dest->second.get();
+      Conn* to = d->conn;
+      Gate* full = nullptr;
       if (to->queued_bytes() >= kQueueBound) {
-        c->parked_on = to;
-        to->parked.push_back(c);
+        full = to;
+      } else if (d->link != nullptr && d->in_flight >= kLinkWindow) {
+        full = d;  // its window: credit comes back as it takes its messages
+      }
+      if (full != nullptr) {
+        c->parked_on = full;
+        full->parked.push_back(c);
         *parked = true;
-        return true;
+        return "";
       }
       FrameHeader m = h;
       m.command = db::ipc::kMessage;
       m.from = self->address;  // never what the client wrote
       m.to = dest->first;
       m.arg = 0;
+      if (d->link != nullptr) {
+        m.command = db::ipc::kLinkMessage;
+        m.to = d->remote;
+        d->in_flight += static_cast<uint32_t>(db::ipc::kFrameHeaderSize) + h.size;
+        ++d->link->msgs_out;
+      }
       Queue(to, m, payload);
       ++routed_;
-      return true;
+      return "";
     }
     case db::ipc::kFind: {
       std::string name(reinterpret_cast<const char*>(payload), h.size);
-      if (!db::ipc::ValidFindName(name.data(), name.size())) return false;
+      if (!db::ipc::ValidFindName(name.data(), name.size())) return unexpected;
       auto found = by_name_.find(name);
       if (found != by_name_.end()) {
         Queue(c, Header(db::ipc::kMessage, found->second, h.type, 0), nullptr);
       } else {
         finds_.emplace(name, Find{self->address, h.type});
       }
-      return true;
+      return "";
     }
     case db::ipc::kWatch: {
       int32_t id = static_cast<int32_t>(h.arg);
-      if (id <= 0 || self->watching.count(id) != 0) return false;
+      if (id <= 0 || self->watching.count(id) != 0) return unexpected;
       auto target = by_address_.find(h.to);
       if (target == by_address_.end()) {
         Queue(c, Header(db::ipc::kWatchFired, h.to, h.type, h.arg), nullptr);
@@ -303,12 +356,12 @@ bool Router::HandleFrame(Conn* c, const FrameHeader& h, const uint8_t* payload, 
         target->second->watchers.push_back(Watch{self->address, id, h.type});
         self->watching.emplace(id, h.to);
       }
-      return true;
+      return "";
     }
     case db::ipc::kUnwatch: {
       // Unknown ids are watches that fired while the request was on its way.
       auto w = self->watching.find(static_cast<int32_t>(h.arg));
-      if (w == self->watching.end()) return true;
+      if (w == self->watching.end()) return "";
       auto& list = by_address_.at(w->second)->watchers;
       list.erase(std::remove_if(list.begin(), list.end(),
                                 [&](const Watch& x) {
@@ -316,10 +369,10 @@ bool Router::HandleFrame(Conn* c, const FrameHeader& h, const uint8_t* payload, 
                                 }),
                  list.end());
       self->watching.erase(w);
-      return true;
+      return "";
     }
     default:
-      return false;
+      return unexpected;
   }
 }
 
@@ -339,24 +392,36 @@ void Router::Open(Conn* c, const FrameHeader& h, const uint8_t* payload) {
     c->closing = true;
     return;
   }
-  auto e = std::make_unique<Endpoint>();
+  c->kind = Conn::kClient;
+  c->endpoint = AddEndpoint(name, c, nullptr, 0);
+  FrameHeader reply = Header(db::ipc::kOpenReply, 0, 0, db::ipc::kOpenOk);
+  reply.to = c->endpoint->address;
+  Queue(c, reply, nullptr);
+}
+
+Router::Endpoint* Router::AddEndpoint(const std::string& name, Conn* conn, Link* link,
+                                      uint32_t remote) {
+  auto owned = std::make_unique<Endpoint>();
+  Endpoint* e = owned.get();
   e->address = NextAddress();
   e->name = name;
-  e->conn = c;
-  c->kind = Conn::kClient;
-  c->endpoint = e.get();
-  FrameHeader reply = Header(db::ipc::kOpenReply, 0, 0, db::ipc::kOpenOk);
-  reply.to = e->address;
-  Queue(c, reply, nullptr);
+  e->conn = conn;
+  e->link = link;
+  e->remote = remote;
   by_name_.emplace(name, e->address);
-  uint32_t address = e->address;
-  by_address_.emplace(address, std::move(e));
+  by_address_.emplace(e->address, std::move(owned));
+  if (link != nullptr) {
+    link->proxies.emplace(remote, e->address);
+  } else {
+    Announce(*e, true);
+  }
   auto range = finds_.equal_range(name);
   for (auto it = range.first; it != range.second; ++it) {
     Conn* finder = by_address_.at(it->second.finder)->conn;
-    Queue(finder, Header(db::ipc::kMessage, address, it->second.type, 0), nullptr);
+    Queue(finder, Header(db::ipc::kMessage, e->address, it->second.type, 0), nullptr);
   }
   finds_.erase(range.first, range.second);
+  return e;
 }
 
 uint32_t Router::NextAddress() {
@@ -366,9 +431,13 @@ uint32_t Router::NextAddress() {
   return next_address_;
 }
 
-void Router::Queue(Conn* c, const FrameHeader& h, const void* payload) {
+void Router::Queue(Conn* c, const FrameHeader& h, const void* payload, Link* credit) {
   db::ipc::AppendFrame(h, payload, &c->out);
-  c->frame_ends.push_back(c->out.size());
+  c->frames.push_back({c->out.size(), credit});
+  MarkDirty(c);
+}
+
+void Router::MarkDirty(Conn* c) {
   if (!c->dirty) {
     c->dirty = true;
     dirty_.push_back(c);
@@ -376,32 +445,64 @@ void Router::Queue(Conn* c, const FrameHeader& h, const void* payload) {
 }
 
 void Router::Flush(Conn* c) {
-  if (c->queued_bytes() > 0) {
-    ssize_t n =
-        send(c->fd, c->out.data() + c->out_pos, c->queued_bytes(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (c->connecting) return;
+  const size_t urgent = c->urgent.size();
+  if (c->queued_bytes() + urgent > 0) {
+    // Urgent frames go between two queued frames: right away when the last
+    // write ended on a frame boundary, else after the frame under way.
+    size_t split = urgent == 0                 ? c->out.size()
+                   : c->out_pos == c->sent_end ? c->out_pos
+                                               : c->frames.front().end;
+    char* out = &c->out[0];
+    iovec iov[3] = {{out + c->out_pos, split - c->out_pos},
+                    {&c->urgent[0], urgent},
+                    {out + split, c->out.size() - split}};
+    msghdr m = {};
+    m.msg_iov = iov;
+    m.msg_iovlen = 3;
+    ssize_t n = sendmsg(c->fd, &m, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
       Hangup(c);
       return;
     }
-    if (n > 0) c->out_pos += static_cast<size_t>(n);
-    while (!c->frame_ends.empty() && c->frame_ends.front() <= c->out_pos) c->frame_ends.pop_front();
+    if (n > 0) {
+      size_t left = static_cast<size_t>(n);
+      size_t head = std::min(left, split - c->out_pos);
+      c->out_pos += head;
+      left -= head;
+      size_t sent_urgent = std::min(left, urgent);
+      c->urgent.erase(0, sent_urgent);
+      c->out_pos += left - sent_urgent;
+      if (c->link != nullptr) c->link->bytes_out += static_cast<uint64_t>(n);
+    }
+    while (!c->frames.empty() && c->frames.front().end <= c->out_pos) {
+      const Conn::Frame& f = c->frames.front();
+      if (f.link != nullptr)
+        Credit(f.link, c->endpoint->address, static_cast<uint32_t>(f.end - c->sent_end));
+      c->sent_end = f.end;
+      c->frames.pop_front();
+    }
     if (c->out_pos == c->out.size()) {
       c->out.clear();
       c->out_pos = 0;
+      c->sent_end = 0;
     } else if (c->out_pos > c->out.size() / 2) {
       c->out.erase(0, c->out_pos);
-      for (size_t& end : c->frame_ends) end -= c->out_pos;
+      for (Conn::Frame& f : c->frames) f.end -= c->out_pos;
+      c->sent_end -= c->out_pos;
       c->out_pos = 0;
     }
   }
-  if (c->queued_bytes() < kQueueBound && !c->parked.empty()) {
-    for (Conn* s : c->parked) {
-      s->parked_on = nullptr;
-      runnable_.push_back(s);
-    }
-    c->parked.clear();
-  }
+  if (c->queued_bytes() < kQueueBound) Release(c);
   if (c->closing && c->queued_bytes() == 0) Close(c, "");
+}
+
+void Router::Release(Gate* g) {
+  for (Conn* s : g->parked) {
+    s->parked_on = nullptr;
+    runnable_.push_back(s);
+  }
+  g->parked.clear();
 }
 
 void Router::Hangup(Conn* c) {
@@ -415,6 +516,17 @@ void Router::Hangup(Conn* c) {
 
 void Router::Close(Conn* c, const std::string& reason) {
   if (c->dead) return;
+  if (c->kind == Conn::kLink) {
+    c->dead = true;
+    if (c->link != nullptr && c->link->conn == c) {
+      LinkDown(c->link, reason.empty() ? "connection closed" : reason);
+    } else if (!reason.empty()) {
+      Log("dropped link connection with %s: %s", c->peer.c_str(), reason.c_str());
+    }
+    close(c->fd);
+    Release(c);
+    return;
+  }
   if (!reason.empty()) {
     Log("dropped connection (pid %d, %s): %s", static_cast<int>(c->pid),
         c->endpoint != nullptr ? ("endpoint \"" + c->endpoint->name + "\"").c_str() : "no endpoint",
@@ -423,7 +535,7 @@ void Router::Close(Conn* c, const std::string& reason) {
   c->dead = true;
   close(c->fd);
   if (c->endpoint != nullptr) {
-    dropped_ += c->frame_ends.size();
+    dropped_ += c->frames.size();
     RemoveEndpoint(c->endpoint);
     c->endpoint = nullptr;
   }
@@ -433,16 +545,18 @@ void Router::Close(Conn* c, const std::string& reason) {
     c->parked_on = nullptr;
   }
   // Senders parked on us go on; their messages to us are now dropped.
-  for (Conn* s : c->parked) {
-    s->parked_on = nullptr;
-    runnable_.push_back(s);
-  }
-  c->parked.clear();
+  Release(c);
 }
 
 void Router::RemoveEndpoint(Endpoint* e) {
   uint32_t address = e->address;
   by_name_.erase(e->name);
+  Release(e);
+  if (e->link != nullptr) {
+    e->link->proxies.erase(e->remote);
+  } else {
+    Announce(*e, false);
+  }
   for (const Watch& w : e->watchers) {
     auto watcher = by_address_.find(w.watcher);
     if (watcher == by_address_.end()) continue;
@@ -473,14 +587,20 @@ std::string Router::StatusText() const {
     snprintf(line, sizeof(line), format, args...);
     out += line;
   };
-  add("ipc-router on %s, pid %d\n", path_.c_str(), static_cast<int>(getpid()));
+  add("ipc-router on %s, pid %d%s%s\n", path_.c_str(), static_cast<int>(getpid()),
+      options_.node.empty() ? "" : ", node ", options_.node.c_str());
   add("endpoints %zu\n", by_address_.size());
   add("  %10s %8s %8s %10s  %s\n", "address", "pid", "queued", "bytes", "name");
   size_t watches = 0;
   for (const auto& [name, address] : by_name_) {
     const Endpoint& e = *by_address_.at(address);
-    add("  %10" PRIu32 " %8d %8zu %10zu  %s\n", address, static_cast<int>(e.conn->pid),
-        e.conn->frame_ends.size(), e.conn->queued_bytes(), name.c_str());
+    if (e.link != nullptr) {  // of a linked node: the bytes on their way to it
+      add("  %10" PRIu32 " %8s %8s %10" PRIu32 "  %s\n", address, "-", "-", e.in_flight,
+          name.c_str());
+    } else {
+      add("  %10" PRIu32 " %8d %8zu %10zu  %s\n", address, static_cast<int>(e.conn->pid),
+          e.conn->frames.size(), e.conn->queued_bytes(), name.c_str());
+    }
     watches += e.watchers.size();
   }
   add("watches %zu\n", watches);
@@ -496,6 +616,7 @@ std::string Router::StatusText() const {
   for (const auto& [name, f] : finds_) {
     add("  %10" PRIu32 " %10" PRIu32 "  %s\n", f.finder, f.type, name.c_str());
   }
+  if (!options_.node.empty()) out += LinksText();
   add("messages routed %" PRIu64 " dropped %" PRIu64 "\n", routed_, dropped_);
   return out;
 }
