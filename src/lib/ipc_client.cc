@@ -24,7 +24,6 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,6 +39,7 @@
 namespace {
 
 using db::ipc::FrameHeader;
+using db::ipc::NowUs;
 using db::ipc::ParseResult;
 
 constexpr size_t kReadChunk = 128 * 1024;
@@ -53,12 +53,6 @@ struct Block {
 };
 constexpr size_t kDataOffset = (sizeof(Block) + alignof(std::max_align_t) - 1) /
                                alignof(std::max_align_t) * alignof(std::max_align_t);
-
-int64_t NowUs() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
-}
 
 int Fail(int error) {
   errno = error;

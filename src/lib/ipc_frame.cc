@@ -1,5 +1,7 @@
 #include "ipc_frame.h"
 
+#include <time.h>
+
 #include <cstring>
 
 namespace db {
@@ -101,6 +103,12 @@ bool ValidFindName(const char* name, size_t len) {
   if (slash == nullptr) return ValidName(name, len);
   size_t node = static_cast<size_t>(static_cast<const char*>(slash) - name);
   return ValidName(name, node) && ValidName(name + node + 1, len - node - 1);
+}
+
+int64_t NowUs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
 }  // namespace ipc

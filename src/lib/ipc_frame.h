@@ -99,6 +99,10 @@ bool ValidName(const char* name, size_t len);
 // A valid name to find: a local name, or "NODE/name" with two valid names.
 bool ValidFindName(const char* name, size_t len);
 
+// Microseconds on the monotonic clock: the time base of every time-out and
+// heartbeat of the client and the router.
+int64_t NowUs();
+
 }  // namespace ipc
 }  // namespace db
 

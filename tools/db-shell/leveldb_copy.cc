@@ -31,6 +31,12 @@ bool EndsWith(const std::string& text, const char* suffix) {
   return text.size() >= size && text.compare(text.size() - size, size, suffix) == 0;
 }
 
+// Table files never change once written (".ldb", or ".sst" from older
+// versions of LevelDB).
+bool IsTableFile(const std::string& name) {
+  return EndsWith(name, ".ldb") || EndsWith(name, ".sst");
+}
+
 // Creates every new file afresh: a name that is a hard link to a file of the
 // original directory is unlinked first, so that LevelDB's truncating open can
 // never reach the original (a daemon's table still being written may carry the
@@ -78,7 +84,7 @@ bool LevelDbCopy::CopyFiles(const std::string& dir, std::string* error) const {
     const std::string name = entry.path().filename().string();
     if (name == "CURRENT" || name.rfind("MANIFEST-", 0) == 0) {
       first.push_back(name);
-    } else if (EndsWith(name, ".log") || EndsWith(name, ".ldb") || EndsWith(name, ".sst")) {
+    } else if (EndsWith(name, ".log") || IsTableFile(name)) {
       rest.push_back(name);
     }
     // LOCK belongs to the original's owner; LOG and LOG.old are LevelDB's
@@ -93,10 +99,9 @@ bool LevelDbCopy::CopyFiles(const std::string& dir, std::string* error) const {
   for (const std::string& name : first) {
     const std::string from = dir + "/" + name;
     const std::string to = path_ + "/" + name;
-    // Table files never change once written: a link shares them. Everything
-    // else may still be appended to by the original's owner: copied.
-    const bool table = EndsWith(name, ".ldb") || EndsWith(name, ".sst");
-    if (table && link(from.c_str(), to.c_str()) == 0) continue;
+    // A link shares a table file. Everything else may still be appended to by
+    // the original's owner: copied.
+    if (IsTableFile(name) && link(from.c_str(), to.c_str()) == 0) continue;
     if (!fs::copy_file(from, to, ec)) {
       // A file the owner deleted meanwhile was obsolete, unless the copy's
       // manifest still names it: then the recovery below fails.

@@ -44,12 +44,6 @@ FrameHeader Header(uint8_t command, uint32_t from, uint32_t type, uint32_t arg) 
   return h;
 }
 
-int64_t NowUs() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
-}
-
 void Log(const char* format, ...) {
   char line[512] = "ipc-router: ";
   size_t n = strlen(line);

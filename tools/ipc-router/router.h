@@ -74,8 +74,7 @@ void Log(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 db::ipc::FrameHeader Header(uint8_t command, uint32_t from, uint32_t type, uint32_t arg);
 
-// Microseconds on the monotonic clock.
-int64_t NowUs();
+using db::ipc::NowUs;
 
 class Router {
  public:
