@@ -2,14 +2,11 @@
 
 #include "db/attribute.h"
 
-#include <cstdint>
 #include <iterator>
 #include <limits>
-#include <string>
 #include <tuple>
-#include <vector>
 
-#include <gtest/gtest.h>
+#include "support/test_util.h"
 
 namespace db {
 namespace {

@@ -8,14 +8,8 @@
 
 #include <sqlite3.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "db/db_object.h"
 #include "id_generator.h"
@@ -46,12 +40,12 @@ std::unique_ptr<db::DbObject> Open(db::DbType type, const std::string& path) {
 
 void Fill(db::DbObject* object, int32_t n) {
   object->ClearObject();
-  object->scalar_fields() = {{"num", Set(n * 10)},
-                             {"name", Set("rec " + std::to_string(n))},
-                             {"ratio", Set(static_cast<float>(n) / 2)},
-                             {"raw", Set(std::vector<uint8_t>{static_cast<uint8_t>(n), 0, 0xFF})}};
-  object->composite_fields()["vals"].second = {Set(n * 10 + 1), Set(n * 10 + 2)};
-  object->composite_fields()["tags"].second = {Set("t" + std::to_string(n))};
+  object->scalar_fields() = {{"num", Val(n * 10)},
+                             {"name", Val("rec " + std::to_string(n))},
+                             {"ratio", Val(static_cast<float>(n) / 2)},
+                             {"raw", Val(std::vector<uint8_t>{static_cast<uint8_t>(n), 0, 0xFF})}};
+  object->composite_fields()["vals"].second = {Val(n * 10 + 1), Val(n * 10 + 2)};
+  object->composite_fields()["tags"].second = {Val("t" + std::to_string(n))};
 }
 
 using Damage = std::string (*)(const std::string&);
@@ -112,14 +106,14 @@ class CorruptionTest : public testing::TestWithParam<db::DbType> {
       check("retrieve 2", [&] { return object->RetrieveObject(2, &s, &c); });
       if (intact) {
         ASSERT_EQ(object->RetrieveObject(1, &s, &c), 0);
-        EXPECT_EQ(s.at("name"), Set(std::string("rec 1")));
-        EXPECT_EQ(c.at("vals").second, (std::vector<Attribute>{Set(11), Set(12)}));
+        EXPECT_EQ(s.at("name"), Val(std::string("rec 1")));
+        EXPECT_EQ(c.at("vals").second, (std::vector<Attribute>{Val(11), Val(12)}));
       }
       check("retrieve 3", [&] { return object->RetrieveObject(3, &s, &c); });
       check("all ids", [&] { return object->RetrieveObjects(&ids, {}, {}); });
       check("filter", [&] {
-        return object->RetrieveObjects(&ids, {{"num", Set(20)}},
-                                       {{"vals", {db::kInteger, {Set(21)}}}});
+        return object->RetrieveObjects(&ids, {{"num", Val(20)}},
+                                       {{"vals", {db::kInteger, {Val(21)}}}});
       });
       check("size", [&] { return object->GetObjTableSize(&size); });
       check("traverse", [&] { return object->TraverseObjects(nullptr); });

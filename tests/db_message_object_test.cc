@@ -1,13 +1,8 @@
 #include "db/db_message_object.h"
 
-#include <algorithm>
-#include <memory>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include <google/protobuf/util/message_differencer.h>
-#include <gtest/gtest.h>
 
 #include "support/test_util.h"
 #include "test_messages.pb.h"

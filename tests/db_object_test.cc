@@ -4,20 +4,9 @@
 
 #include "db/db_object.h"
 
-#include <cstdint>
 #include <filesystem>
-#include <map>
-#include <memory>
-#include <set>
-#include <sstream>
 #include <stdexcept>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "id_generator.h"
 #include "support/test_util.h"
@@ -27,7 +16,9 @@ namespace {
 using db::Attribute;
 using db::CompositeFields;
 using db::ScalarFields;
+using db_test::Bytes;
 using db_test::FreeIds;
+using db_test::Int;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -161,8 +152,6 @@ class FakeObject : public db::DbObject {
 
   FakeBackend* backend_;
 };
-
-Attribute Int(int32_t v) { return Attribute(db::kInteger) = v; }
 
 // Integer fields: scalars a and b, repeated l.
 void Declare(db::DbObject* object) {
@@ -529,8 +518,6 @@ TEST_F(DbObjectTest, DisplayNamesAndFormats) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "Fields:\n    a\n    b\n    c\nRepeated Fields:\n    l\n    m\n");
 }
-
-Attribute Bytes(const std::vector<uint8_t>& v) { return Attribute(db::kBytes) = v; }
 
 // Formats 3 and 4 render as 2 (IP address), unknown ones as 0 (default).
 TEST(RenderValueTest, DispatchesByFormat) {

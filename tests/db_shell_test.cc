@@ -3,16 +3,11 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include "db/db_object.h"

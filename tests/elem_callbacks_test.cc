@@ -1,13 +1,6 @@
 #include "elem_callbacks.h"
 
 #include <cstring>
-#include <memory>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "db/db_object.h"
 #include "elem_cmd.h"

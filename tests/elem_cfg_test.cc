@@ -1,9 +1,6 @@
 #include "db/elem_cfg.h"
 
-#include <set>
-#include <string>
-
-#include <gtest/gtest.h>
+#include "support/test_util.h"
 
 namespace {
 

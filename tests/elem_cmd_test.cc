@@ -2,11 +2,6 @@
 
 #include <stdio.h>
 
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "support/test_util.h"
 
 namespace {

@@ -4,10 +4,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "db/db_object.h"
 #include "limid.h"

@@ -15,14 +15,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <map>
-#include <memory>
 #include <regex>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "db/ipc.h"
 #include "ipc_frame.h"

@@ -4,14 +4,9 @@
 #include "leveldb_api.h"
 
 #include <filesystem>
-#include <memory>
 #include <stdexcept>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <leveldb/db.h>
 #include <leveldb/write_batch.h>
 
@@ -26,7 +21,7 @@ namespace {
 
 using db_test::Dump;
 using db_test::KeyValues;
-using db_test::Set;
+using db_test::Val;
 
 // A record of the table; negative numbers and null texts leave fields unset.
 ScalarFields Schema(int32_t enabled = -1, const char* label = nullptr, int32_t vlan = -1) {
@@ -85,9 +80,9 @@ TEST_F(LeveldbApiTest, ConnectionSharingAndLockedPath) {
 TEST_F(LeveldbApiTest, RecordsLiveUnderTheirKeys) {
   {
     auto api = Created();
-    EXPECT_EQ(api->StoreRecord(7, Schema(1, "x,y"), Vlans({Set(10), Set(20)})), 0);
+    EXPECT_EQ(api->StoreRecord(7, Schema(1, "x,y"), Vlans({Val(10), Val(20)})), 0);
     EXPECT_EQ(api->StoreRecord(4000000000u, Schema(), Vlans()), 0);
-    EXPECT_EQ(api->StoreRecord(8, Schema(), Vlans({Set(1)})), 0);
+    EXPECT_EQ(api->StoreRecord(8, Schema(), Vlans({Val(1)})), 0);
     EXPECT_EQ(api->DeleteRecord(8, {}), 0);  // With its repeated fields.
     EXPECT_EQ(api->DeleteRecord(9, {"vlans"}), 0);
     db_test::PutRaw(path_, "T:other:1", "1,1,5");  // Repeated field of a table "other".
@@ -117,8 +112,8 @@ TEST_F(LeveldbApiTest, RefusedRecordOperations) {
   EXPECT_EQ(api->UpdateRecord(9, Schema(), {}), -4);
   EXPECT_TRUE(log_.Contains("ERROR: Failed to retrieve object, table='T', id=9"));
   // Every scalar field must be named; repeated fields must exist.
-  EXPECT_EQ(api->StoreRecord(1, {{"vlan", Set(1)}}, {}), -1);
-  EXPECT_EQ(api->StoreRecord(1, Schema(), {{"other", {kInteger, {Set(1)}}}}), -1);
+  EXPECT_EQ(api->StoreRecord(1, {{"vlan", Val(1)}}, {}), -1);
+  EXPECT_EQ(api->StoreRecord(1, Schema(), {{"other", {kInteger, {Val(1)}}}}), -1);
   EXPECT_EQ(api->CreateTable(Schema(), {}), -1);
   EXPECT_TRUE(log_.Contains("ERROR: Table='T' already exists"));
 }
@@ -130,7 +125,7 @@ TEST_F(LeveldbApiTest, EveryOperationOnATableNeverCreatedFails) {
   std::vector<uint32_t> ids;
   int size = 0;
   const std::vector<int> codes = {api->DestroyTable({}),
-                                  api->AddScalarField("n", Set(1)),
+                                  api->AddScalarField("n", Val(1)),
                                   api->StoreRecord(1, Schema(), {}),
                                   api->UpdateRecord(1, Schema(), {}),
                                   api->DeleteRecord(1, {}),
@@ -148,17 +143,17 @@ TEST_F(LeveldbApiTest, EveryOperationOnATableNeverCreatedFails) {
 
 TEST_F(LeveldbApiTest, RepeatedFieldsWithoutElements) {
   auto api = Created();
-  ASSERT_EQ(api->StoreRecord(1, Schema(), Vlans({Set(10), Set(20)})), 0);
+  ASSERT_EQ(api->StoreRecord(1, Schema(), Vlans({Val(10), Val(20)})), 0);
   ASSERT_EQ(api->StoreRecord(2, Schema(), {}), 0);
   ASSERT_EQ(api->UpdateRecord(1, Schema(-1, "new"), Vlans()), 0);  // Keeps the stored elements.
   ScalarFields scalars = Schema();
-  CompositeFields composites = Vlans({Set(99)});
+  CompositeFields composites = Vlans({Val(99)});
   ASSERT_EQ(api->RetrieveRecord(1, &scalars, &composites), 0);
   EXPECT_EQ(scalars, Schema(-1, "new"));
-  EXPECT_EQ(composites, Vlans({Set(10), Set(20)}));
-  composites = Vlans({Set(99)});  // Nothing stored: left as passed.
+  EXPECT_EQ(composites, Vlans({Val(10), Val(20)}));
+  composites = Vlans({Val(99)});  // Nothing stored: left as passed.
   EXPECT_EQ(api->RetrieveRecord(2, &scalars, &composites), 0);
-  EXPECT_EQ(composites, Vlans({Set(99)}));
+  EXPECT_EQ(composites, Vlans({Val(99)}));
   EXPECT_TRUE(log_.Contains("ERROR: Get status='NotFound: ', composite_table='vlans:T', id=2"));
 }
 
@@ -168,20 +163,20 @@ TEST_F(LeveldbApiTest, AddScalarFieldRewritesEveryRecordAndTheSchema) {
     ScalarFields record = Schema(1, nullptr, 2);
     ASSERT_EQ(api->StoreRecord(1, record, {}), 0);
     db_test::PutRaw(path_, "T:other:1", "1,1,5");
-    ASSERT_EQ(api->AddScalarField("mtu", Set(0)), 0);
+    ASSERT_EQ(api->AddScalarField("mtu", Val(0)), 0);
     ScalarFields back = Schema();
     back.emplace("mtu", Attribute(kInteger));
     CompositeFields composites;
     ASSERT_EQ(api->RetrieveRecord(1, &back, &composites), 0);
     record.emplace("mtu", Attribute(kInteger));  // The old record reads it unset.
     EXPECT_EQ(back, record);
-    EXPECT_EQ(api->AddScalarField("mtu", Set(0)), -1);
+    EXPECT_EQ(api->AddScalarField("mtu", Val(0)), -1);
 
     db_test::PutRaw(path_, "T:2", "x,1,a");
     EXPECT_EQ(api->RetrieveRecord(2, &back, &composites), 0);  // A corrupt record reads empty
     EXPECT_TRUE(back.empty());
     // and lets adding fail with the conversion error, changing nothing.
-    EXPECT_THROW(api->AddScalarField("x", Set(0)), std::invalid_argument);
+    EXPECT_THROW(api->AddScalarField("x", Val(0)), std::invalid_argument);
     EXPECT_EQ(api->table()->scalar_schema().count("x"), 0u);
   }
   const KeyValues all = Dump(path_);
@@ -194,7 +189,7 @@ TEST_F(LeveldbApiTest, DestroyTableRemovesEverythingAndDisconnects) {
   auto api = Created();
   auto other = Created("O");
   ASSERT_EQ(api->AddTableIndex("i", {"vlan"}), 0);
-  ASSERT_EQ(api->StoreRecord(1, Schema(), Vlans({Set(1)})), 0);
+  ASSERT_EQ(api->StoreRecord(1, Schema(), Vlans({Val(1)})), 0);
   ASSERT_EQ(other->StoreRecord(1, Schema(), {}), 0);
   EXPECT_EQ(api->DestroyTable(Vlans()), 0);
   EXPECT_EQ(api->StoreRecord(2, Schema(), {}), -1);
@@ -270,8 +265,8 @@ TEST_F(LevelDbTableTest, CreateSchemaWritesBothRecordsAndReloads) {
   {
     LevelDbTable table("T", path_);
     ASSERT_TRUE(table
-                    .CreateSchema({{"b", Set(1.5f)}, {"a", Attribute(kBytes)}},
-                                  {{"z", {kString, {Set("v")}}}, {"m", {kInteger, {}}}})
+                    .CreateSchema({{"b", Val(1.5f)}, {"a", Attribute(kBytes)}},
+                                  {{"z", {kString, {Val("v")}}}, {"m", {kInteger, {}}}})
                     .ok());
     EXPECT_TRUE(table.is_created());
     ASSERT_TRUE(LevelDbTable("E", path_).CreateSchema({{"a", Attribute(kString)}}, {}).ok());
@@ -318,10 +313,10 @@ TEST_F(LevelDbTableTest, Validation) {
                   .ok());
   // Scalar fields must match by name only; repeated fields by name and type,
   // any subset in order. The composite check runs only after the scalar one.
-  EXPECT_TRUE(table.IsValidScalarSchema({{"a", Set("x")}, {"b", Set(2.0f)}}));
-  EXPECT_FALSE(table.IsValidScalarSchema({{"a", Set(1)}, {"c", Set(1)}}));
+  EXPECT_TRUE(table.IsValidScalarSchema({{"a", Val("x")}, {"b", Val(2.0f)}}));
+  EXPECT_FALSE(table.IsValidScalarSchema({{"a", Val(1)}, {"c", Val(1)}}));
   EXPECT_EQ(log_.Count("ERROR: Invalid scalar schema, table='T'"), 1);
-  EXPECT_TRUE(table.IsValidCompositeSchema({{"m", {kInteger, {}}}, {"x", {kBytes, {Set(1)}}}}));
+  EXPECT_TRUE(table.IsValidCompositeSchema({{"m", {kInteger, {}}}, {"x", {kBytes, {Val(1)}}}}));
   for (const CompositeFields& fields :
        {CompositeFields{{"p", {kBytes, {}}}}, {{"x", {kBytes, {}}}, {"y", {kBytes, {}}}}}) {
     EXPECT_FALSE(table.IsValidCompositeSchema(fields));

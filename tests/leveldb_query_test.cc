@@ -1,13 +1,6 @@
-#include <algorithm>
-#include <memory>
 #include <random>
-#include <set>
 #include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <leveldb/db.h>
 
 #include "leveldb_api.h"
@@ -21,7 +14,7 @@ namespace {
 
 using db_test::GetRaw;
 using db_test::PutRaw;
-using db_test::Set;
+using db_test::Val;
 using Ids = std::vector<uint32_t>;
 using Names = std::vector<std::string>;
 
@@ -37,7 +30,7 @@ ScalarFields Record(int32_t a = -1, const char* b = nullptr, int32_t c = -1) {
 
 CompositeFields Tags(const std::vector<int32_t>& tags) {
   CompositeFields f = {{"tags", {kInteger, {}}}};
-  for (const int32_t tag : tags) f["tags"].second.push_back(Set(tag));
+  for (const int32_t tag : tags) f["tags"].second.push_back(Val(tag));
   return f;
 }
 
@@ -121,7 +114,7 @@ TEST_F(LeveldbQueryTest, IndexAndScanAgreeWithTheRecords) {
 // not only the last one looked at.
 TEST_F(LeveldbQueryTest, EveryRepeatedFieldOfTheFilterMustMatch) {
   auto two = [](int32_t p, int32_t q) {
-    return CompositeFields{{"p", {kInteger, {Set(p)}}}, {"q", {kInteger, {Set(q)}}}};
+    return CompositeFields{{"p", {kInteger, {Val(p)}}}, {"q", {kInteger, {Val(q)}}}};
   };
   auto api = Open();
   ASSERT_EQ(api->CreateTable(Record(), {{"p", {kInteger, {}}}, {"q", {kInteger, {}}}}), 0);
@@ -141,27 +134,27 @@ TEST_F(LeveldbQueryTest, OrderAndRefusedFilters) {
   EXPECT_TRUE(ids.empty());
   EXPECT_TRUE(log_.Lines().empty());
   // A repeated field the table lacks, or of another type: nothing, success.
-  EXPECT_EQ(Query(*api, {{"a", Set(1)}}, {{"other", {kInteger, {Set(5)}}}}), Ids{});
-  EXPECT_EQ(Query(*api, {{"a", Set(1)}}, {{"tags", {kString, {Set("5")}}}}), Ids{});
-  EXPECT_EQ(api->RetrieveRecords(&ids, {{"zz", Set(1)}}, {}), -1);
+  EXPECT_EQ(Query(*api, {{"a", Val(1)}}, {{"other", {kInteger, {Val(5)}}}}), Ids{});
+  EXPECT_EQ(Query(*api, {{"a", Val(1)}}, {{"tags", {kString, {Val("5")}}}}), Ids{});
+  EXPECT_EQ(api->RetrieveRecords(&ids, {{"zz", Val(1)}}, {}), -1);
   EXPECT_EQ(log_.Count("ERROR: Invalid scalar field='zz', table='T'"), 1);
   EXPECT_EQ(api->PrintDatabase({}, nullptr), -2);
   // A damaged value lets the conversion error pass, on every path that meets it.
   PutRaw(path_, "tags:T:10", "3,5,5,5,1");
-  EXPECT_THROW(Query(*api, {{"a", Set(1)}}, Tags({5})), std::out_of_range);
+  EXPECT_THROW(Query(*api, {{"a", Val(1)}}, Tags({5})), std::out_of_range);
   PutRaw(path_, "T:2", "3,5,5,5,1");
-  EXPECT_THROW(api->RetrieveRecords(&ids, {{"a", Set(1)}}, {}), std::out_of_range);
+  EXPECT_THROW(api->RetrieveRecords(&ids, {{"a", Val(1)}}, {}), std::out_of_range);
   EXPECT_EQ(log_.Count("ERROR: Corrupt record, key='T:2'"), 1);
   EXPECT_TRUE(ids.empty());
   ASSERT_EQ(api->AddTableIndex("i", {"a"}), 0);
   // A record the index lists but the store lacks fails the query, also with a
   // repeated-field condition after it.
   ASSERT_TRUE(LevelDbConnector::GetInstance().LookupConnection(path_)->Delete({}, "T:10").ok());
-  EXPECT_EQ(api->RetrieveRecords(&ids, {{"a", Set(1)}, {"c", Set(1)}}, Tags({5})), -4);
-  EXPECT_EQ(Query(*api, {{"a", Set(1)}}), (Ids{9, 10}))
+  EXPECT_EQ(api->RetrieveRecords(&ids, {{"a", Val(1)}, {"c", Val(1)}}, Tags({5})), -4);
+  EXPECT_EQ(Query(*api, {{"a", Val(1)}}), (Ids{9, 10}))
       << "what the index answers alone is not read";
   PutRaw(path_, "T:9", "3,5,5,5,1");
-  EXPECT_THROW(Query(*api, {{"a", Set(1)}, {"c", Set(1)}}), std::out_of_range);
+  EXPECT_THROW(Query(*api, {{"a", Val(1)}, {"c", Val(1)}}), std::out_of_range);
 }
 
 TEST_F(LeveldbQueryTest, DeletionsLeaveStoreAndIndexInStep) {
@@ -172,11 +165,11 @@ TEST_F(LeveldbQueryTest, DeletionsLeaveStoreAndIndexInStep) {
   ASSERT_EQ(api->StoreRecord(3, Record(1, "y", 1), {}), 0);
   EXPECT_EQ(api->index()->index_entries().at("b:(unset)"), std::set<uint32_t>{2});
   ASSERT_EQ(api->UpdateRecord(3, Record(1, "z", 1), {}), 0);
-  EXPECT_EQ(Query(*api, {{"b", Set("y")}}), Ids{});
-  EXPECT_EQ(Query(*api, {{"b", Set("z")}, {"c", Set(1)}}), Ids{3});
+  EXPECT_EQ(Query(*api, {{"b", Val("y")}}), Ids{});
+  EXPECT_EQ(Query(*api, {{"b", Val("z")}, {"c", Val(1)}}), Ids{3});
 
   Ids ids = {99};
-  EXPECT_EQ(api->DeleteRecords(&ids, {{"a", Set(1)}}, {}), 0);
+  EXPECT_EQ(api->DeleteRecords(&ids, {{"a", Val(1)}}, {}), 0);
   EXPECT_EQ(ids, (Ids{1, 3}));
   EXPECT_EQ(GetRaw(path_, "T:1") + GetRaw(path_, "tags:T:1"), "(missing)(missing)");
   EXPECT_EQ(api->index()->index_entries().count("a:1"), 0u);

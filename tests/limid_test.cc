@@ -4,13 +4,10 @@
 
 #include <string.h>
 
-#include <algorithm>
-#include <cstdint>
 #include <initializer_list>
 #include <random>
-#include <string>
 
-#include <gtest/gtest.h>
+#include "support/test_util.h"
 
 namespace {
 

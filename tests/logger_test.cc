@@ -3,10 +3,6 @@
 #include "logger.h"
 
 #include <regex>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "db/db_object.h"
 #include "db/init.h"

@@ -2,14 +2,10 @@
 
 #include "nettypes.h"
 
-#include <algorithm>
-#include <cstdint>
 #include <stdexcept>
-#include <string>
 #include <tuple>
-#include <vector>
 
-#include <gtest/gtest.h>
+#include "support/test_util.h"
 
 namespace {
 

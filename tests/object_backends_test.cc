@@ -2,17 +2,7 @@
 // configuration, each test on a fresh database. Where the backends differ on
 // purpose, the test asserts per backend.
 
-#include <algorithm>
-#include <cstdint>
 #include <iterator>
-#include <memory>
-#include <set>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "db/db_object.h"
 #include "id_generator.h"
@@ -30,13 +20,6 @@ using db::ScalarFields;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-template <class T>
-Attribute Val(const T& v) {
-  Attribute a;
-  a = v;
-  return a;
-}
 
 // A record of the standard table: scalars num, grp (integer), label (string),
 // ratio (float), raw (bytes); repeated field ports (integer).

@@ -1,12 +1,7 @@
 #include "serializer.h"
 
-#include <cstdint>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <leveldb/write_batch.h>
 
 #include "support/leveldb_util.h"
@@ -15,26 +10,26 @@
 namespace db {
 namespace {
 
-using db_test::Set;
+using db_test::Val;
 using Bytes = std::vector<uint8_t>;
 using Values = std::vector<Attribute>;
 using Texts = std::vector<std::pair<std::string, std::string>>;
 
 TEST(SerializerTest, Encodings) {
   const std::vector<std::pair<ScalarFields, std::string>> scalars = {
-      {{{"a", Set(5)}, {"b", Set("xy")}, {"c", Attribute(kString)}}, "3,1,2,0,5,xy,"},
+      {{{"a", Val(5)}, {"b", Val("xy")}, {"c", Attribute(kString)}}, "3,1,2,0,5,xy,"},
       {{}, "0"},
-      {{{"n", Set(-7)}}, "1,2,-7"},
-      {{{"f", Set(1.5f)}}, "1,3,1.5"},
-      {{{"s", Set("a,b,")}}, "1,4,a,b,"},
-      {{{"s", Set("")}}, "1,0,"},
-      {{{"r", Set(Bytes{0x00, 0xff, 0x41})}}, "1,3," + std::string{'\0', '\xff', 'A'}},
-      {{{"z", Set(1)}, {"B", Set(2)}, {"a", Set(333)}}, "3,1,3,1,2,333,1"}};
+      {{{"n", Val(-7)}}, "1,2,-7"},
+      {{{"f", Val(1.5f)}}, "1,3,1.5"},
+      {{{"s", Val("a,b,")}}, "1,4,a,b,"},
+      {{{"s", Val("")}}, "1,0,"},
+      {{{"r", Val(Bytes{0x00, 0xff, 0x41})}}, "1,3," + std::string{'\0', '\xff', 'A'}},
+      {{{"z", Val(1)}, {"B", Val(2)}, {"a", Val(333)}}, "3,1,3,1,2,333,1"}};
   const std::vector<std::pair<Values, std::string>> composites = {
-      {{Set(10), Set(20)}, "2,2,2,10,20"},
+      {{Val(10), Val(20)}, "2,2,2,10,20"},
       {{}, "0"},
       {{Attribute(kInteger), Attribute(kInteger)}, "0"},
-      {{Attribute(kString), Set("x"), Attribute(kString), Set("y,z")}, "2,1,3,x,y,z"}};
+      {{Attribute(kString), Val("x"), Attribute(kString), Val("y,z")}, "2,1,3,x,y,z"}};
   Serializer s;
   for (const auto& [fields, expected] : scalars) {
     std::string out;
@@ -57,15 +52,15 @@ TEST(SerializerTest, PutOnBatchKeys) {
     void Delete(const leveldb::Slice& key) override { puts.emplace_back("delete", key.ToString()); }
   } contents;
   leveldb::WriteBatch batch;
-  CompositeFields composites = {{"vlans", {kInteger, {Set(10), Set(20)}}},
+  CompositeFields composites = {{"vlans", {kInteger, {Val(10), Val(20)}}},
                                 {"empty", {kInteger, {}}},
                                 {"unset", {kString, {Attribute(kString)}}}};
-  Serializer().PutOnBatch(batch, "T", 7, {{"a", Set(5)}}, composites);
+  Serializer().PutOnBatch(batch, "T", 7, {{"a", Val(5)}}, composites);
   Serializer().PutOnBatch(batch, "T", 4294967295u, {}, {});
   // More values, a longer value and a longer key than fit on the stack.
   const std::string field(130, 'f'), big(600, 'b');
-  Values many(16, Set(7));
-  many.push_back(Set(big));
+  Values many(16, Val(7));
+  many.push_back(Val(big));
   std::string lengths = "17", texts;
   for (int i = 0; i < 16; ++i) {
     lengths += ",1";
@@ -82,11 +77,11 @@ TEST(SerializerTest, PutOnBatchKeys) {
 }
 
 TEST(SerializerTest, ScalarDecoding) {
-  ScalarFields record = {{"a", Set(-123)},
-                         {"b", Set("x,y,,z")},
-                         {"c", Set("")},
-                         {"d", Set(2.25f)},
-                         {"e", Set(Bytes{0x00, 0xff, ',', 0x00})}};
+  ScalarFields record = {{"a", Val(-123)},
+                         {"b", Val("x,y,,z")},
+                         {"c", Val("")},
+                         {"d", Val(2.25f)},
+                         {"e", Val(Bytes{0x00, 0xff, ',', 0x00})}};
   ScalarFields back;  // Typed, unset attributes.
   for (const auto& [name, value] : record) back.emplace(name, Attribute(value.type()));
   Serializer s;
@@ -96,12 +91,12 @@ TEST(SerializerTest, ScalarDecoding) {
   record["c"] = Attribute(kString);  // Set but empty reads back unset.
   EXPECT_EQ(back, record);
 
-  ScalarFields f = {{"a", Attribute(kInteger)}, {"b", Set("old")}};
+  ScalarFields f = {{"a", Attribute(kInteger)}, {"b", Val("old")}};
   s.DeserializeScalar("1,3,12x", f);  // std::stoi stops at the first non-digit.
-  EXPECT_EQ(f["a"], Set(12));
-  EXPECT_EQ(f["b"], Set("old"));  // Fewer stored values: the rest untouched.
+  EXPECT_EQ(f["a"], Val(12));
+  EXPECT_EQ(f["b"], Val("old"));  // Fewer stored values: the rest untouched.
   s.DeserializeScalar("", f);
-  EXPECT_EQ(f["a"], Set(12));
+  EXPECT_EQ(f["a"], Val(12));
   s.DeserializeScalar("1,0,", f);  // A zero length resets a set attribute.
   EXPECT_FALSE(f["a"].is_set());
 }
@@ -126,25 +121,25 @@ TEST(SerializerTest, ScalarDecodingFailureEmptiesTheMapAndLogs) {
 
 TEST(SerializerTest, CompositeDecoding) {
   Serializer s;
-  const Values strings = {Set("a,b"), Set(Bytes{0x00, 0xff})};
+  const Values strings = {Val("a,b"), Val(Bytes{0x00, 0xff})};
   std::string stext, itext = "2,2,2,10,20", empty;
   s.SerializeComposite(stext, strings);
-  std::pair<AttributeType, Values> ints{kInteger, {Set(99)}}, got_strings{kString, {}},
-      unknown{static_cast<AttributeType>(7), {Set(1)}};
+  std::pair<AttributeType, Values> ints{kInteger, {Val(99)}}, got_strings{kString, {}},
+      unknown{static_cast<AttributeType>(7), {Val(1)}};
   s.DeserializeComposite(itext, ints);
   s.DeserializeComposite(stext, got_strings);
   s.DeserializeComposite(itext, unknown);
-  EXPECT_EQ(ints.second, (Values{Set(10), Set(20)}));
-  EXPECT_EQ(got_strings.second, (Values{Set("a,b"), Set(std::string("\0\xff", 2))}));
+  EXPECT_EQ(ints.second, (Values{Val(10), Val(20)}));
+  EXPECT_EQ(got_strings.second, (Values{Val("a,b"), Val(std::string("\0\xff", 2))}));
   EXPECT_TRUE(unknown.second.empty());
   s.DeserializeComposite(empty, ints);  // Nothing stored: left as passed.
-  EXPECT_EQ(ints.second, (Values{Set(10), Set(20)}));
+  EXPECT_EQ(ints.second, (Values{Val(10), Val(20)}));
 
   db_test::LogCapture log;  // A failure keeps what was decoded before it.
   std::pair<AttributeType, Values> partial{kInteger, {}};
   std::string bad = "3,1,1,1,5,x,6";
   s.DeserializeComposite(bad, partial);
-  EXPECT_EQ(partial.second, Values{Set(5)});
+  EXPECT_EQ(partial.second, Values{Val(5)});
   EXPECT_EQ(log.Count("ERROR: Failed to deserialize the composite attributes, exception='stoi'"),
             1);
 }
@@ -152,22 +147,22 @@ TEST(SerializerTest, CompositeDecoding) {
 TEST(SerializerTest, FiltersCompareStoredTexts) {
   // Text forms are compared, not typed values: "5" matches the integer 5.
   const std::vector<std::pair<Attribute, bool>> scalars = {
-      {Attribute(kInteger), true}, {Set(5), true}, {Set(6), false}, {Set("5"), true}};
+      {Attribute(kInteger), true}, {Val(5), true}, {Val(6), false}, {Val("5"), true}};
   Serializer s;
   for (const auto& [value, present] : scalars) {
-    ScalarFields filter = {{"a", value}, {"b", Attribute(kString)}, {"c", Set("")}};
+    ScalarFields filter = {{"a", value}, {"b", Attribute(kString)}, {"c", Val("")}};
     EXPECT_EQ(s.ScalarIsPresent(filter, "3,1,2,0,5,xy,"), present) << value.ToString();
   }
-  EXPECT_FALSE(s.ScalarIsPresent({{"a", Set(5)}, {"b", Set("x")}}, "2,1,2,5,xy"));
-  EXPECT_FALSE(s.ScalarIsPresent({{"a", Set(7)}}, "1,2,07"));
-  EXPECT_TRUE(s.ScalarIsPresent({{"a", Set(1)}}, "0"));
+  EXPECT_FALSE(s.ScalarIsPresent({{"a", Val(5)}, {"b", Val("x")}}, "2,1,2,5,xy"));
+  EXPECT_FALSE(s.ScalarIsPresent({{"a", Val(7)}}, "1,2,07"));
+  EXPECT_TRUE(s.ScalarIsPresent({{"a", Val(1)}}, "0"));
 
   const std::vector<std::tuple<Values, std::string, bool>> composites = {
-      {{Set(30), Set(10)}, "2,2,2,10,20", true},
-      {{Set(1), Set(30)}, "2,2,2,10,20", false},
+      {{Val(30), Val(10)}, "2,2,2,10,20", true},
+      {{Val(1), Val(30)}, "2,2,2,10,20", false},
       {{}, "2,2,2,10,20", false},
-      {{Set(10)}, "0", false},
-      {{Set("b")}, "3,1,1,1,c,a,b", true}};
+      {{Val(10)}, "0", false},
+      {{Val("b")}, "3,1,1,1,c,a,b", true}};
   for (const auto& [wanted, stored, equal] : composites) {
     EXPECT_EQ(s.AtLeastOneIsEqual({kInteger, wanted}, stored), equal) << stored;
   }

@@ -6,16 +6,9 @@
 
 #include <sqlite3.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "support/sqlite_util.h"
 #include "support/test_util.h"

@@ -4,10 +4,6 @@
 
 #include <stdio.h>
 
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "qelmw.h"
 #include "support/test_util.h"
 

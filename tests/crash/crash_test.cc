@@ -14,18 +14,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cinttypes>
-#include <map>
 #include <random>
-#include <set>
-#include <sstream>
-#include <string>
 #include <tuple>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "db/db_object.h"
 #include "support/leveldb_util.h"
@@ -49,18 +41,18 @@ db::ScalarFields Scalars(int64_t seq) {
   const auto n = static_cast<int32_t>(seq);
   std::vector<uint8_t> blob = {static_cast<uint8_t>(n), 0x00, 0xFF, 0xFE, 0x27};
   blob.resize(static_cast<size_t>(2 + n % 6), static_cast<uint8_t>(n >> 8));
-  return {{"seq", Set(n)},
-          {"name", Set("n'" + std::to_string(n) + ",;--" + std::string(n % 37, 'x'))},
-          {"blob", Set(blob)},
-          {"ratio", Set(static_cast<float>(n % 1000) / 4)}};
+  return {{"seq", Val(n)},
+          {"name", Val("n'" + std::to_string(n) + ",;--" + std::string(n % 37, 'x'))},
+          {"blob", Val(blob)},
+          {"ratio", Val(static_cast<float>(n % 1000) / 4)}};
 }
 
 // Repeated field 0 ("vals", integers) or 1 ("tags", strings).
 std::vector<Attribute> Elements(int field, int64_t seq) {
   std::vector<Attribute> v;
   for (int64_t i = 0; i <= (field == 0 ? seq % 4 : seq / 3 % 3); ++i) {
-    v.push_back(field == 0 ? Set(static_cast<int32_t>(seq * 10 + i))
-                           : Set("t" + std::to_string(seq) + "-" + std::to_string(i)));
+    v.push_back(field == 0 ? Val(static_cast<int32_t>(seq * 10 + i))
+                           : Val("t" + std::to_string(seq) + "-" + std::to_string(i)));
   }
   return v;
 }

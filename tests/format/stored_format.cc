@@ -12,13 +12,7 @@
 #include <sqlite3.h>
 #include <sys/wait.h>
 
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
 #include <limits>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "db/db_object.h"
 #include "support/leveldb_util.h"
@@ -27,7 +21,7 @@
 namespace {
 
 using db::Attribute;
-using db_test::Set;
+using db_test::Val;
 using Bytes = std::vector<uint8_t>;
 using namespace std::string_literals;
 
@@ -51,7 +45,7 @@ struct Record {
 Record Make(Attribute mac, const std::string& name, Attribute ratio, int32_t speed,
             std::vector<Attribute> aliases, std::vector<Attribute> keys,
             std::vector<Attribute> vlans, std::vector<Attribute> weights) {
-  return {{{"mac", mac}, {"name", Set(name)}, {"ratio", ratio}, {"speed", Set(speed)}},
+  return {{{"mac", mac}, {"name", Val(name)}, {"ratio", ratio}, {"speed", Val(speed)}},
           {{"aliases", {db::kString, aliases}},
            {"keys", {db::kBytes, keys}},
            {"vlans", {db::kInteger, vlans}},
@@ -61,12 +55,12 @@ Record Make(Attribute mac, const std::string& name, Attribute ratio, int32_t spe
 std::vector<Record> Records() {
   const int32_t kMin = std::numeric_limits<int32_t>::min();
   const int32_t kMax = std::numeric_limits<int32_t>::max();
-  return {Make(Set(Bytes{0x00, 0xff, 0x80, 0x7f, 0x0a, 0x01}), "eth 1/3, 'up'", Set(-2.5f), kMin,
-               {Set(std::string("a,b")), Set(std::string("x'y"))},
-               {Set(Bytes{0xde, 0xad, 0xbe, 0xef}), Set(Bytes{0xff, 0x00})},
-               {Set(10), Set(-1), Set(kMax)}, {Set(0.1f), Set(1e7f)}),
+  return {Make(Val(Bytes{0x00, 0xff, 0x80, 0x7f, 0x0a, 0x01}), "eth 1/3, 'up'", Val(-2.5f), kMin,
+               {Val(std::string("a,b")), Val(std::string("x'y"))},
+               {Val(Bytes{0xde, 0xad, 0xbe, 0xef}), Val(Bytes{0xff, 0x00})},
+               {Val(10), Val(-1), Val(kMax)}, {Val(0.1f), Val(1e7f)}),
           Make(Attribute(db::kBytes), "eth0", Attribute(db::kFloat), 1000, {}, {}, {}, {}),
-          Make(Set(Bytes{2, 0, 0, 0, 0, 1}), "lo", Set(1.5f), 0x01020304, {}, {}, {Set(20)}, {})};
+          Make(Val(Bytes{2, 0, 0, 0, 0, 1}), "lo", Val(1.5f), 0x01020304, {}, {}, {Val(20)}, {})};
 }
 
 std::string LevelDbPath(const std::string& dir) { return dir + "/store"; }

@@ -85,8 +85,8 @@ std::unique_ptr<db::DbObject> PopulatedTable(db::DbType type, const std::string&
     s["smac"] = "aa:bb:cc:dd:ee:0" + std::to_string(i);
     s["lim"] = Bytes({1, 1, 0, i});
     s["raw"] = Bytes({0, 0xFF, i});
-    object->composite_fields()["vlans"].second = {db_test::Set(i), db_test::Set(100 + i)};
-    object->composite_fields()["tags"].second = {db_test::Set("t" + std::to_string(i))};
+    object->composite_fields()["vlans"].second = {db_test::Val(i), db_test::Val(100 + i)};
+    object->composite_fields()["tags"].second = {db_test::Val("t" + std::to_string(i))};
     uint32_t id = 0;
     object->StoreObject(&id);
   }

@@ -1,8 +1,5 @@
 #include "support/leveldb_util.h"
 
-#include <memory>
-
-#include <gtest/gtest.h>
 #include <leveldb/db.h>
 
 #include "leveldb_connector.h"

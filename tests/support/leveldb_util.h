@@ -3,22 +3,11 @@
 #ifndef DB_INTF_TESTS_SUPPORT_LEVELDB_UTIL_H_
 #define DB_INTF_TESTS_SUPPORT_LEVELDB_UTIL_H_
 
-#include <map>
-#include <string>
-
-#include "db/attribute.h"
+#include "support/test_util.h"
 
 namespace db_test {
 
 using KeyValues = std::map<std::string, std::string>;
-
-// A set attribute of the type `v` selects.
-template <class T>
-db::Attribute Set(const T& v) {
-  db::Attribute a;
-  a = v;
-  return a;
-}
 
 // Every record under `path`, read with leveldb itself (the connector must
 // have closed it); Seed writes records the same way.

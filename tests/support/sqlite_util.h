@@ -5,21 +5,11 @@
 
 #include <sqlite3.h>
 
-#include <cstdint>
 #include <optional>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "db/attribute.h"
+#include "support/test_util.h"
 
 namespace db_test {
-
-inline db::Attribute Int(int32_t v) { return db::Attribute(db::kInteger) = v; }
-inline db::Attribute Flt(float v) { return db::Attribute(db::kFloat) = v; }
-inline db::Attribute Str(const std::string& v) { return db::Attribute(db::kString) = v; }
-inline db::Attribute Bytes(const std::vector<uint8_t>& v) { return db::Attribute(db::kBytes) = v; }
 
 // One result row, NULL columns as nullopt.
 using Row = std::vector<std::optional<std::string>>;

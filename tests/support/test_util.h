@@ -1,23 +1,43 @@
 // Helpers shared by the test suites: scratch directories, captured log lines,
-// library start-up.
+// library start-up, attribute values. Suites include it for the standard
+// headers, gtest and gmock that nearly all of them use.
 
 #ifndef DB_INTF_TESTS_SUPPORT_TEST_UTIL_H_
 #define DB_INTF_TESTS_SUPPORT_TEST_UTIL_H_
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <map>
+#include <memory>
 #include <set>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "db/attribute.h"
 #include "db/database_api.h"
 #include "elem_cmd.h"
 
 namespace db_test {
+
+// A set attribute of the kind `v` selects (int32_t, float, std::string, bytes).
+template <class T>
+db::Attribute Val(const T& v) {
+  db::Attribute a;
+  a = v;
+  return a;
+}
+inline db::Attribute Int(int32_t v) { return Val(v); }
+inline db::Attribute Flt(float v) { return Val(v); }
+inline db::Attribute Str(const std::string& v) { return Val(v); }
+inline db::Attribute Bytes(const std::vector<uint8_t>& v) { return Val(v); }
 
 // A fresh directory under $TMPDIR (or /tmp), removed with everything in it
 // when the object goes.
@@ -61,7 +81,11 @@ void InitLibrary();
 
 // Captures what `fn` writes to standard error (file descriptor 2).
 template <class Fn>
-std::string CaptureStderr(Fn fn);
+std::string CaptureStderr(Fn fn) {
+  testing::internal::CaptureStderr();
+  fn();
+  return testing::internal::GetCapturedStderr();
+}
 
 std::string ReadFile(const std::string& path);
 
@@ -99,7 +123,5 @@ std::string RunCommand(ELEM_CMD_GROUP_ST* group, const std::string& line, bool w
 std::set<uint32_t> FreeIds();
 
 }  // namespace db_test
-
-#include "support/test_util_inl.h"
 
 #endif  // DB_INTF_TESTS_SUPPORT_TEST_UTIL_H_
