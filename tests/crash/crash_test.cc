@@ -1,12 +1,6 @@
-// Process-crash probe. A writer stores, updates and deletes records whose
-// contents follow from a sequence number and acknowledges every call that
-// returned 0 on a pipe; the test kills it (SIGKILL) at random moments and then
-// checks that every acknowledged write is there exactly, every acknowledged
-// delete is gone, nothing is torn and new ids never collided with stored ones.
-// (A shared in-memory SQLite database dies with its process: left out.)
-//   DB_INTF_CRASH_KILLS=200   kills per backend (default 50)
-//   DB_INTF_CRASH_SEED=n      repeats a run (the seed is printed)
-//   crash_test write KIND DB SEQ   the writer, started by the test
+// A writer acknowledges each call that returned 0 on a pipe and is killed at random; every
+// acknowledged write must then be there exactly, untorn, with no id collision.
+// DB_INTF_CRASH_KILLS (default 50) and DB_INTF_CRASH_SEED tune a run.
 
 #include <poll.h>
 #include <signal.h>
@@ -30,9 +24,7 @@ namespace {
 using db::Attribute;
 using Clock = std::chrono::steady_clock;
 
-// The sequence numbers that wrote a record's scalar part and its two repeated
-// fields; kNone for a missing record or a field without elements, kGarbled
-// for a part that no sequence number wrote.
+// The sequence numbers that wrote a record's scalars and its two repeated fields.
 constexpr int64_t kNone = -1, kGarbled = -2;
 using State = std::tuple<int64_t, int64_t, int64_t>;
 const State kAbsent{kNone, kNone, kNone};
@@ -60,24 +52,21 @@ std::vector<Attribute> Elements(int field, int64_t seq) {
 std::unique_ptr<db::DbObject> Open(const std::string& kind, const std::string& path) {
   auto object = std::make_unique<db::DbObject>(path, "crash", false,
                                                kind == "leveldb" ? db::kLevelDb : db::kSqlite);
-  for (const auto& [name, value] : Scalars(0)) {
+  for (const auto& [name, value] : Scalars(0))
     object->AppendScalarAttribute(name, Attribute(value.type()), db::kDefault);
-  }
   object->AppendCompositeAttribute("vals", Attribute(db::kInteger), db::kDefault);
   object->AppendCompositeAttribute("tags", Attribute(db::kString), db::kDefault);
   return object;
 }
 
-// ---- The writer: "B seq op id" before each call, "A seq op id rc" after one
-// that returned 0 ("F ..." after a failure, then it stops).
+// The writer: "B seq op id" before each call, "A seq op id rc" after success, "F ..." else.
 
 int Write(const std::string& kind, const std::string& path, int64_t seq) {
   zlog_set_output(fopen("/dev/null", "w"));
   auto object = Open(kind, path);
   std::vector<uint32_t> live;
   if (object->RetrieveObjects(&live, {}, {}) != 0) return 3;
-  auto say = [](const std::string& line) {
-    // One write per line, straight to the pipe: a line that is there was said.
+  auto say = [](const std::string& line) {  // one write per line: a line there was said
     if (write(1, line.data(), line.size()) != static_cast<ssize_t>(line.size())) _exit(4);
   };
   say("R\n");
@@ -104,8 +93,6 @@ int Write(const std::string& kind, const std::string& path, int64_t seq) {
     if (op == 'D') live[at] = live.back(), live.pop_back();
   }
 }
-
-// ---- The checker.
 
 int64_t SeqOf(int field, const std::vector<Attribute>& elements) {
   std::vector<Attribute> set;
@@ -150,9 +137,7 @@ class Probe {
     ASSERT_EQ(pipe(fds), 0);
     const pid_t pid = StartProgram(args, fds[1], 2);
     close(fds[1]);
-    // Mostly while writing, some time after the writer is ready; one kill in
-    // eight during its start-up (the database's recovery). A SQLite file
-    // record costs several journal syncs, a LevelDB one none.
+    // One kill in eight during start-up (recovery), the others while writing.
     const bool early = rng_() % 8 == 0;
     const char* max_ms = getenv("DB_INTF_CRASH_MAX_MS");
     const int range_ms = early ? 20 : max_ms ? atoi(max_ms) : kind_ == "leveldb" ? 40 : 300;
@@ -170,8 +155,7 @@ class Probe {
         ready = true, deadline = Clock::now() + delay;
     }
     kill(pid, SIGKILL);
-    while (ReadSome(fds[0], &text)) {
-    }
+    while (ReadSome(fds[0], &text)) continue;
     close(fds[0]);
     waitpid(pid, nullptr, 0);
     counts_.writer_errors += eof;  // it ended before the kill
@@ -195,7 +179,6 @@ class Probe {
     return n > 0;
   }
 
-  // Takes in the acknowledged calls and the one under way at the kill.
   void Account(const std::string& text) {
     pending_ = {};
     std::istringstream lines(text);
@@ -216,18 +199,13 @@ class Probe {
           ++counts_.collisions;
           ADD_FAILURE() << "store of " << seq << " got id " << id << ", which holds a record";
         }
-        if (op == 'D') {
-          model_.erase(id);
-        } else {
-          model_[id] = {seq, seq, seq};
-        }
+        if (op == 'D') model_.erase(id);
+        if (op != 'D') model_[id] = {seq, seq, seq};
       }
     }
   }
 
-  // Compares the database with the model. The call under way may not have
-  // started or have finished; on SQLite it may also have stopped between the
-  // commits of the main row and of the repeated rows (a window hit).
+  // The call under way may be undone or done; on SQLite also between its main and side commits.
   void Check() {
     auto object = Open(kind_, path_);
     std::vector<uint32_t> ids;
@@ -264,16 +242,11 @@ class Probe {
         ADD_FAILURE() << kind_ << " kill " << counts_.kills << ": id " << id << " holds " << main
                       << "/" << vals << "/" << tags << ", expected " << std::get<0>(before);
       }
-      // What is there now is what later kills are measured against.
-      if (now == kAbsent) {
-        model_.erase(id);
-      } else {
-        model_[id] = now;
-      }
+      if (now == kAbsent) model_.erase(id);  // later kills are measured against what is there
+      if (now != kAbsent) model_[id] = now;
     }
   }
 
-  // Repeated values whose record is gone.
   int Orphans() {
     int orphans = 0;
     if (kind_ == "leveldb") {
@@ -337,9 +310,8 @@ INSTANTIATE_TEST_SUITE_P(Backends, CrashTest, testing::Values("leveldb", "sqlite
 }  // namespace db_test
 
 int main(int argc, char** argv) {
-  if (argc == 5 && std::string(argv[1]) == "write") {
+  if (argc == 5 && std::string(argv[1]) == "write")
     return db_test::Write(argv[2], argv[3], std::atoll(argv[4]));
-  }
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }
