@@ -304,12 +304,17 @@ TEST_P(BackendTest, HostileValuesRoundTripAndChangeNoOtherRecord) {
   const uint32_t other = Store(object.get(), neighbour);
   std::string big(1 << 20, 'q');
   for (size_t i = 0; i < big.size(); i += 4093) big[i] = "'\0\xFF\xFE;-,"[i % 7];
-  const std::string texts[] = {
-      "O'Brien''", "x'); DELETE FROM records; --", std::string("a\0b", 3), "\xFF\xFE\xFF",
-      "tail\xFF", "\xFE\xFE", ",;--,", big};
+  const std::string texts[] = {"O'Brien''",
+                               "x'); DELETE FROM records; --",
+                               std::string("a\0b", 3),
+                               "\xFF\xFE\xFF",
+                               "tail\xFF",
+                               "\xFE\xFE",
+                               ",;--,",
+                               big};
   auto write = [&](const std::string& text, uint32_t* id) {
-    const Rec r{INT32_MIN, INT32_MAX, text, 1e-40f, {text.begin(), text.end()},
-                {INT32_MIN, 0, INT32_MAX}};
+    const Rec r{
+        INT32_MIN, INT32_MAX, text, 1e-40f, {text.begin(), text.end()}, {INT32_MIN, 0, INT32_MAX}};
     SetRecord(object.get(), r);
     object->composite_fields()["notes"].second = {Val(text), Val("'" + text)};
     ASSERT_EQ(*id == 0 ? object->StoreObject(id) : object->UpdateObject(*id), 0);
