@@ -37,13 +37,6 @@ ScalarFields ScalarsOf(const Rec& r) {
           {"raw", Val(r.raw)}};
 }
 
-// Without the unset elements (backends may leave the schema's unset element).
-std::vector<Attribute> SetOnly(std::vector<Attribute> v) {
-  v.erase(std::remove_if(v.begin(), v.end(), [](const Attribute& a) { return !a.is_set(); }),
-          v.end());
-  return v;
-}
-
 void SetRecord(db::DbObject* object, const Rec& r) {
   object->ClearObject();
   for (const auto& field : ScalarsOf(r)) object->scalar_fields()[field.first] = field.second;

@@ -1,14 +1,7 @@
-// stored-format: writes a LevelDB directory and an SQLite file holding every
-// value kind, scalar and repeated, with an index, and verifies such a pair value
-// for value and, for chosen records, byte for byte. Built for the build machine
-// and for a cross target, it shows that what one CPU writes another reads.
-//   stored-format write DIR
-//   stored-format verify DIR
-//   stored-format exchange PEER...   this program writes, PEER (a command)
-//                                    verifies, then the reverse
-// Exit status 0 when every check passed, 1 when one failed, 2 on bad arguments.
+// Writes a LevelDB and an SQLite store of every value kind and verifies such a pair value for
+// value and byte for byte, so that what one CPU writes another reads. `exchange PEER...`
+// writes for PEER to verify, then the reverse. Exits 0 when all passed, 1 if not, 2 on misuse.
 
-#include <leveldb/db.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 
@@ -28,15 +21,11 @@ using namespace std::string_literals;
 int failures = 0;
 
 void Check(bool ok, const std::string& what) {
-  if (!ok) {
-    ++failures;
-    fprintf(stderr, "stored-format: FAILED %s\n", what.c_str());
-  }
+  if (!ok) failures++, fprintf(stderr, "stored-format: FAILED %s\n", what.c_str());
 }
 
-// One record: scalar fields mac, name, ratio, speed (name order) and repeated
-// fields aliases, keys, vlans, weights. Record 1 leaves two scalars unset and
-// every repeated field empty; record 2's speed shows byte order in any dump.
+// Record 1 leaves two scalars unset and every repeated field empty; record 2's speed shows
+// byte order in any dump.
 struct Record {
   db::ScalarFields scalars;
   db::CompositeFields composites;
@@ -69,12 +58,10 @@ std::string SqlitePath(const std::string& dir) { return dir + "/store.sqlite"; }
 std::unique_ptr<db::DbObject> Ports(const std::string& path, db::DbType type) {
   auto ports = std::make_unique<db::DbObject>(path, "ports", false, type);
   const Record first = Records()[0];
-  for (const auto& [name, value] : first.scalars) {
+  for (const auto& [name, value] : first.scalars)
     ports->AppendScalarAttribute(name, Attribute(value.type()), db::kDefault);
-  }
-  for (const auto& [name, field] : first.composites) {
+  for (const auto& [name, field] : first.composites)
     ports->AppendCompositeAttribute(name, Attribute(field.first), db::kDefault);
-  }
   return ports;
 }
 
@@ -92,18 +79,11 @@ void Write(const std::string& dir) {
   }
 }
 
-// Reads `keys` of a LevelDB database with leveldb itself; a missing key reads
-// "(missing)".
+// Reads `keys` with leveldb itself; a missing key reads "(missing)".
 std::vector<std::string> RawLevelDb(const std::string& path, const std::vector<std::string>& keys) {
+  const db_test::KeyValues all = db_test::Dump(path);
   std::vector<std::string> values;
-  leveldb::DB* raw = nullptr;
-  Check(leveldb::DB::Open(leveldb::Options(), path, &raw).ok(), "open " + path);
-  for (const auto& key : keys) {
-    std::string value = "(missing)";
-    if (raw != nullptr) raw->Get(leveldb::ReadOptions(), key, &value);
-    values.push_back(value);
-  }
-  delete raw;
+  for (const auto& key : keys) values.push_back(all.count(key) ? all.at(key) : "(missing)");
   return values;
 }
 
@@ -152,15 +132,8 @@ void VerifyBytes(const std::string& dir) {
              "SQLite stored bytes");
 }
 
-// A repeated field stored empty reads back as its schema template (one unset
-// element) on LevelDB: only set elements are compared.
 db::CompositeFields SetElements(db::CompositeFields fields) {
-  for (auto& [name, field] : fields) {
-    auto& values = field.second;
-    values.erase(std::remove_if(values.begin(), values.end(),
-                                [](const Attribute& a) { return !a.is_set(); }),
-                 values.end());
-  }
+  for (auto& [name, field] : fields) field.second = db_test::SetOnly(field.second);
   return fields;
 }
 
@@ -219,9 +192,7 @@ int main(int argc, char** argv) {
     Check(Run(peer, "write", theirs.path()), "peer write");
     Verify(theirs.path());
   } else {
-    fprintf(stderr,
-            "usage: stored-format write DIR | verify DIR | exchange "
-            "PEER-COMMAND...\n");
+    fprintf(stderr, "usage: stored-format write DIR | verify DIR | exchange PEER-COMMAND...\n");
     return 2;
   }
   printf("stored-format %s: %s\n", mode.c_str(), failures == 0 ? "passed" : "FAILED");

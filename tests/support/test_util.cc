@@ -164,4 +164,10 @@ std::set<uint32_t> FreeIds() {
   return ids;
 }
 
+std::vector<db::Attribute> SetOnly(std::vector<db::Attribute> values) {
+  values.erase(std::remove_if(values.begin(), values.end(), [](auto& a) { return !a.is_set(); }),
+               values.end());
+  return values;
+}
+
 }  // namespace db_test

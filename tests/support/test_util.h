@@ -122,6 +122,9 @@ std::string RunCommand(ELEM_CMD_GROUP_ST* group, const std::string& line, bool w
 // The free ids of the process-wide allocator, one by one (small tests only).
 std::set<uint32_t> FreeIds();
 
+// `values` without the unset elements (a repeated field read back empty may hold one).
+std::vector<db::Attribute> SetOnly(std::vector<db::Attribute> values);
+
 }  // namespace db_test
 
 #endif  // DB_INTF_TESTS_SUPPORT_TEST_UTIL_H_
