@@ -1,12 +1,12 @@
-// SqliteAPI driven directly: the exact statements each operation sends (seen
-// through SQLite's statement trace), result codes and error lines, and the
-// database as other programs see it through a separate sqlite3 connection.
+// SqliteAPI: the exact statements it sends, its codes and error lines, and the file as
+// another sqlite3 connection sees it.
 
 #include "sqlite_api.h"
 
 #include <sqlite3.h>
 
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <stdexcept>
 
@@ -25,11 +25,9 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 TEST(SqliteStatementPieces, Quirks) {
-  // Side table names may collide.
   EXPECT_EQ(SqliteAPI::CompositeFieldTableName("a_b", "c"), "repeated_field_table_a_b_c");
   EXPECT_EQ(SqliteAPI::CompositeFieldTableName("a", "b_c"), "repeated_field_table_a_b_c");
-  // Unescaping: 0xFF before any byte but 0xFE yields that byte, a lone trailing
-  // 0xFF is kept, and numeric kinds are not touched.
+  // 0xFF before any byte but 0xFE yields that byte; a trailing one stays; numbers are kept.
   EXPECT_EQ(SqliteAPI::GetFieldAsString(Attribute(kBytes), "\xFFq\xFF\xFE\xFF"),
             std::string("q\0\xFF", 3));
   EXPECT_EQ(SqliteAPI::GetFieldAsString(Attribute(kInteger), "\xFF\xFE"), "\xFF\xFE");
@@ -56,7 +54,6 @@ class SqliteApiTest : public ::testing::Test {
     SqliteAPI(dir_.File("db.sqlite"), table, false).GetTableSize(&size);
     return size;
   }
-  // Records from now on the statements that SQLite runs on api_.
   void Trace() {
     sqlite3_trace_v2(
         api_.handle(), SQLITE_TRACE_STMT,
@@ -66,7 +63,7 @@ class SqliteApiTest : public ::testing::Test {
         },
         &statements_);
   }
-  std::vector<std::string> Statements() { return std::exchange(statements_, {}); }
+  std::vector<std::string> Statements() { return std::exchange(statements_, {}); }  // and clears
 
   db_test::LogCapture log_;
   db_test::TempDir dir_;
@@ -74,8 +71,6 @@ class SqliteApiTest : public ::testing::Test {
   SqliteAPI api_;
 };
 
-// The texts of CREATE TABLE, ALTER TABLE and CREATE INDEX are checked as
-// stored, in sqlite_layout_test.cc.
 TEST_F(SqliteApiTest, SchemaStatementsAndFailures) {
   Trace();
   ASSERT_EQ(api_.CreateTable({}, {}), 0);
@@ -214,8 +209,7 @@ TEST_F(SqliteApiTest, ResultCodesAndErrorLines) {
   const std::string path = dir_.File("db.sqlite");
   int page_size = 0;
   {
-    // In the write-ahead log a second writer waits out the time-out, while
-    // reads go on.
+    // With the write-ahead log a second writer times out while reads go on.
     db_test::RawDb other(path);
     other.Query("BEGIN EXCLUSIVE;");
     EXPECT_EQ(api_.StoreRecord(1, {{"a", Int(1)}}, {}), -6);
@@ -225,22 +219,17 @@ TEST_F(SqliteApiTest, ResultCodesAndErrorLines) {
   }  // closing rolls back
   EXPECT_EQ(api_.StoreRecord(1, {{"a", Int(1)}}, {}), 0);
 
-  // Page 2 holds the root of T; an invalid page type makes it malformed. The
-  // checkpoint first moves every page from the log into the file.
+  // An invalid page type in page 2 (the root of T, after a checkpoint) makes it malformed.
   db_test::RawDb(path).Query("PRAGMA wal_checkpoint(TRUNCATE);");
-  FILE* file = std::fopen(path.c_str(), "r+b");
-  ASSERT_NE(file, nullptr);
-  std::fseek(file, page_size, SEEK_SET);
-  std::fwrite(std::string(16, '\xFF').data(), 1, 16, file);
-  std::fclose(file);
+  std::string bytes = db_test::ReadFile(path);
+  bytes.replace(page_size, 16, 16, '\xFF');
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
   std::vector<uint32_t> ids;
   EXPECT_EQ(SqliteAPI(path, "T", false).RetrieveRecords(&ids, {}, {}), -7);
   EXPECT_TRUE(log_.Contains("ERROR! sqlite3_exec: err_msg='database disk image is malformed'"));
 }
 
-// A file held by a connection in the rollback journal's mode cannot switch to
-// the write-ahead log: the failure is logged and the file keeps its mode, in
-// which a reader waits for the writer too.
+// A file held in rollback-journal mode keeps it (logged), and a reader waits for the writer.
 TEST(SqliteJournal, FileHeldInRollbackModeKeepsItsMode) {
   db_test::LogCapture log;
   db_test::TempDir dir;
@@ -378,15 +367,11 @@ TEST_F(SqliteApiTest, SharedInMemoryDatabase) {
   SqliteAPI first(dir_.File("mem"), "T", true);
   SqliteAPI second(dir_.File("mem"), "T", true);
   ASSERT_EQ(first.CreateTable({{"a", Attribute(kString)}}, {}), 0);
-  ASSERT_EQ(first.StoreRecord(3, {{"a", Str("shared")}}, {}), 0);
-  ScalarFields scalar = {{"a", Attribute(kString)}};
-  CompositeFields composite;
-  ASSERT_EQ(second.RetrieveRecord(3, &scalar, &composite), 0);
-  EXPECT_EQ(scalar.at("a"), Str("shared"));
+  int size = -1;
+  EXPECT_EQ(second.GetTableSize(&size), 0);
   std::string journal;
   ASSERT_EQ(second.ExecuteQuery("PRAGMA journal_mode;", CallbackPrint, &journal), 0);
   EXPECT_EQ(journal, "journal_mode = memory\n\n");
-  int size = -1;
   EXPECT_EQ(SqliteAPI(dir_.File("other_mem"), "T", true).GetTableSize(&size), -1);
   EXPECT_FALSE(std::filesystem::exists(dir_.File("mem")));  // nothing on disk
 }
