@@ -28,15 +28,20 @@ using db_test::Val;
 using Ids = std::vector<uint32_t>;
 using Names = std::vector<std::string>;
 
-// A record of the table; negative numbers and null texts leave fields unset.
-ScalarFields Schema(int32_t enabled = -1, const char* label = nullptr, int32_t vlan = -1) {
-  ScalarFields r = {{"enabled", Attribute(kInteger)},
-                    {"label", Attribute(kString)},
-                    {"vlan", Attribute(kInteger)}};
-  if (enabled >= 0) r["enabled"] = enabled;
-  if (label != nullptr) r["label"] = label;
-  if (vlan >= 0) r["vlan"] = vlan;
+// A record of integer x, string y and integer z; negative numbers and null texts leave unset.
+ScalarFields Fields(const char* x, const char* y, const char* z, int32_t a, const char* b,
+                    int32_t c) {
+  ScalarFields r = {{x, Attribute(kInteger)}, {y, Attribute(kString)}, {z, Attribute(kInteger)}};
+  if (a >= 0) r[x] = a;
+  if (b != nullptr) r[y] = b;
+  if (c >= 0) r[z] = c;
   return r;
+}
+ScalarFields Schema(int32_t a = -1, const char* b = nullptr, int32_t c = -1) {
+  return Fields("enabled", "label", "vlan", a, b, c);
+}
+ScalarFields Record(int32_t a = -1, const char* b = nullptr, int32_t c = -1) {
+  return Fields("a", "b", "c", a, b, c);
 }
 
 CompositeFields Vlans(std::vector<Attribute> values = {}) {
@@ -103,6 +108,7 @@ TEST_F(LeveldbApiTest, RecordsLiveUnderTheirKeys) {
 
 TEST_F(LeveldbApiTest, RefusedRecordOperations) {
   auto api = Created();
+  EXPECT_FALSE(log_.Contains("ERROR")) << "a successful creation logs nothing";
   ASSERT_EQ(api->StoreRecord(3, Schema(-1, nullptr, 5), {}), 0);
   EXPECT_EQ(api->StoreRecord(3, Schema(), {}), -1);
   EXPECT_TRUE(log_.Contains("ERROR: Record already exist, table='T', id=3"));
@@ -359,16 +365,6 @@ TEST_F(LevelDbTableTest, ClosedDatabaseAnswersDisconnected) {
   EXPECT_EQ(table.composite_schema(), (CompositeFields{{"v", {kString, {}}}}));
   EXPECT_EQ(Dump(path_), (KeyValues{{"schema:t", "a:0,"}, {"schema:repeated:t", "v:1,"}}));
   EXPECT_FALSE(LevelDbTable("t", path_).is_created());  // Built while disconnected: loads nothing.
-}
-
-// Negative numbers and null texts leave the field unset.
-ScalarFields Record(int32_t a = -1, const char* b = nullptr, int32_t c = -1) {
-  ScalarFields r = {
-      {"a", Attribute(kInteger)}, {"b", Attribute(kString)}, {"c", Attribute(kInteger)}};
-  if (a >= 0) r["a"] = a;
-  if (b != nullptr) r["b"] = b;
-  if (c >= 0) r["c"] = c;
-  return r;
 }
 
 CompositeFields Tags(const std::vector<int32_t>& tags) {
