@@ -265,28 +265,6 @@ TEST_P(BackendTest, FieldsDeclaredAfterCreationExtendTheTable) {
   EXPECT_THAT(SetOnly(composite.at("tags").second), ElementsAre(Val("t1")));
 }
 
-// A name seen before in the process is not resynchronised on construction; the application
-// does, which frees the gaps below the largest stored id.
-TEST_P(BackendTest, RecordsSurviveReopeningAndResynchronise) {
-  const Rec kept{5, 2, "kept", 0.75f, {0x00, 0xFF}, {22}};
-  {
-    auto object = Open();
-    for (int32_t n = 1; n <= 5; ++n) Store(object.get(), n == 3 ? kept : Rec{});
-    ASSERT_EQ(object->DeleteSingleObject(2), 0);
-    ASSERT_EQ(object->DeleteSingleObject(4), 0);
-  }
-  db::IdGenerator& generator = db::IdGenerator::GetInstance();
-  generator.Reset();
-  auto reopened = Open(false);
-  EXPECT_EQ(generator.last_id(), 0u);
-  ExpectStored(*reopened, 3, kept);
-  EXPECT_EQ(reopened->ResynchronizeDb(true), 3);
-  EXPECT_EQ(generator.last_id(), 5u);
-  EXPECT_EQ(FreeIds(), (std::set<uint32_t>{2, 4}));
-  for (uint32_t expected : {2u, 4u, 6u}) EXPECT_EQ(Store(reopened.get(), Rec{}), expected);
-  EXPECT_EQ(Size(*reopened), 6);
-}
-
 // Texts that could end a quoted SQL text, a statement or a stored length, 1 MB texts, the
 // integer limits and a subnormal float come back exactly and change no other record.
 TEST_P(BackendTest, HostileValuesRoundTripAndChangeNoOtherRecord) {

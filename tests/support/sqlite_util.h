@@ -29,9 +29,8 @@ class RawDb {
  private:
   static int AddRow(void* rows, int argc, char** values, char**) {
     Row& row = static_cast<std::vector<Row>*>(rows)->emplace_back();
-    for (int i = 0; i < argc; ++i) {
+    for (int i = 0; i < argc; ++i)
       row.push_back(values[i] != nullptr ? std::optional<std::string>(values[i]) : std::nullopt);
-    }
     return 0;
   }
   sqlite3* db_ = nullptr;
