@@ -1,5 +1,3 @@
-// Attribute: kinds, defaults, set state, size, equality, exact renderings.
-
 #include "db/attribute.h"
 
 #include <iterator>
