@@ -33,8 +33,10 @@ FILE* Sink() {
 std::vector<std::string> Split(const uint8_t* data, size_t size, char separator) {
   std::vector<std::string> parts(1);
   for (size_t i = 0; i < size; ++i) {
-    if (static_cast<char>(data[i]) == separator) parts.emplace_back();
-    else parts.back().push_back(static_cast<char>(data[i]));
+    if (static_cast<char>(data[i]) == separator)
+      parts.emplace_back();
+    else
+      parts.back().push_back(static_cast<char>(data[i]));
   }
   return parts;
 }
