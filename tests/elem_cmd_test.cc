@@ -40,15 +40,13 @@ TEST_F(ElemCmdTest, LongestMatchingCommandRunsWithTheRemainingWords) {
     const char* line;
     Seen* expected;
     std::vector<std::string> args;
-  } cases[] = {
-      {"Show Table T x y", &table_t, {"x", "y"}},
-      {"  Show   Table\tT  ", &table_t, {}},
-      {"Show Table Tx", &table, {"Tx"}},
-      {"Show Tablex", &show, {"Tablex"}},
-      {"Show \"Table T\" 1", &show, {"Table T", "1"}},
-      {"Show a \"b  c\" \"\" d\"e f\"", &show, {"a", "b  c", "", "de f"}},
-      {"Show \"open quote", &show, {"open quote"}},
-  };
+  } cases[] = {{"Show Table T x y", &table_t, {"x", "y"}},
+               {"  Show   Table\tT  ", &table_t, {}},
+               {"Show Table Tx", &table, {"Tx"}},
+               {"Show Tablex", &show, {"Tablex"}},
+               {"Show \"Table T\" 1", &show, {"Table T", "1"}},
+               {"Show a \"b  c\" \"\" d\"e f\"", &show, {"a", "b  c", "", "de f"}},
+               {"Show \"open quote", &show, {"open quote"}}};
   for (const auto& c : cases) {
     const int calls = c.expected->calls;
     int rc = -2;
