@@ -73,7 +73,8 @@ TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
   ok(kIpPrefixLen, kBytes, "fe80::1/128",
      V(Bytes{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 128}));
   ok(kMac, kString, "AA:bb:cc:dd:ee:ff", V(std::string("AA:bb:cc:dd:ee:ff")));
-  ok(kUnsigned, kInteger, "2147483648", V(INT32_MIN));
+  ok(kUnsigned, kInteger, "4294967295", V(-1));
+  ok(kUnsigned, kString, "4294967295", V(std::string("4294967295")));
   ok(kDefault, kString, "a b", V(std::string("a b")));
   ok(kDefault, kInteger, "(unset)", Attribute(kInteger));
   ok(kDefault, kInteger, "(invalid)", Attribute(kInteger));
@@ -83,6 +84,10 @@ TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
         "FromHex(): ERROR! Exception 'ParseHexString' caught. value '0xABC' \n");
   fails(kHex, kBytes, "0xAG",
         "FromHex(): ERROR! Exception 'ParseHexString' caught. value '0xAG' \n");
+  fails(kIpPrefixLen, kBytes, "10.0.0.0/0024",
+        "FromIpAddrPrefix(): ERROR! Exception 'prefix length' caught. value '10.0.0.0/0024' is not "
+        "an "
+        "IP\n");
   fails(kIpPrefixLen, kBytes, "10.0.0.0/0:",
         "FromIpAddrPrefix(): ERROR! Exception 'prefix length' caught. value '10.0.0.0/0:' is not "
         "an IP\n");
