@@ -13,7 +13,8 @@ TEST(ElemCfgTest, LogClassesSeveritiesAndCategories) {
     EXPECT_STREQ(i >= 0 && i < 8 ? severities[i] : nullptr, ElemLogCfgCalloutGetClassName(i)) << i;
   }
   for (int i = 0; i < 3; ++i) EXPECT_EQ(i, ElemLogCfgGetHandle(classes[i]));
-  for (const char* unknown : {"", "userlog", "userLog ", static_cast<const char*>(nullptr)})
+  for (const char* unknown :
+       {"", "userlog", "userLog ", "sysLog", static_cast<const char*>(nullptr)})
     EXPECT_EQ(-1, ElemLogCfgGetHandle(unknown)) << (unknown ? unknown : "null");
   // Distinct, null-terminated, and the library's own among them.
   const int count = ElemWebCfgGetNumCategories();
