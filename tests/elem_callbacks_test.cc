@@ -26,9 +26,7 @@ class ElemCallbacksTest : public ::testing::TestWithParam<DbType> {
     ElemCmdGroupDestroy(group_);
   }
 
-  // Table T: a string, an integer shown as "Port", a hidden integer, a
-  // repeated integer shown as "Vlans" and repeated strings; its commands
-  // installed on the group.
+  // Table T (some fields renamed or hidden), its commands installed on the group.
   DbObject& MakeTable(bool create = true) {
     object_ = std::make_unique<DbObject>(dir_.File("db"), "T", false, GetParam());
     object_->AppendScalarAttribute("name", Attribute(kString), kDefault);
