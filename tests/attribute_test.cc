@@ -1,8 +1,5 @@
-// Attribute: kinds, defaults, set state, size, equality, exact renderings.
-
 #include "db/attribute.h"
 
-#include <iterator>
 #include <limits>
 #include <tuple>
 
@@ -69,12 +66,9 @@ TEST(AttributeTest, Equality) {
       {Of(kNaN), Of(kNaN), false},
       {Of(0.0f), Of(-0.0f), true},
       {Of(B{1, 2}), Of(B{1, 2}), true},
-      {Of(B{1}), Of(B{1, 0}), false},
-  };
-  for (size_t i = 0; i < std::size(cases); ++i) {
-    SCOPED_TRACE(i);
-    const auto& [a, b, equal] = cases[i];
-    EXPECT_EQ(a == b, equal);
+      {Of(B{1}), Of(B{1, 0}), false}};
+  for (const auto& [a, b, equal] : cases) {
+    EXPECT_EQ(a == b, equal) << a.ToPrintableString() << " " << b.ToPrintableString();
     EXPECT_EQ(b == a, equal);
     EXPECT_EQ(a != b, !equal);
   }

@@ -1,5 +1,3 @@
-// The library's logger: failed start-up and the lines the logging macros write.
-
 #include "logger.h"
 
 #include <regex>

@@ -1,9 +1,4 @@
-// Network value types: text and byte forms round-trip; bad texts change nothing.
-
 #include "nettypes.h"
-
-#include <stdexcept>
-#include <tuple>
 
 #include "support/test_util.h"
 
@@ -14,25 +9,21 @@ using nettypes::IPv4AddrMask;
 using nettypes::IPv6AddrMask;
 using nettypes::MACAddr;
 
-// Accepted text, its byte form, its canonical text.
-using Case = std::tuple<std::string, Bytes, std::string>;
-
-// Text -> bytes and canonical text; bytes -> canonical text; canonical text -> bytes.
+// Accepted text -> bytes and canonical text; bytes -> canonical text -> bytes.
 template <class T>
-void ExpectRoundTrips(const std::vector<Case>& cases) {
+void ExpectRoundTrips(const std::vector<std::tuple<std::string, Bytes, std::string>>& cases) {
   for (const auto& [text, bytes, canonical] : cases) {
     SCOPED_TRACE(text);
-    T parsed, decoded, reparsed;
-    parsed.Parse(text);
+    T parsed, decoded;
     Bytes out(T::kSize, 0xee);
-    parsed.Serialize(out.data());
-    EXPECT_EQ(out, bytes);
-    EXPECT_EQ(parsed.to_string(), canonical);
+    for (const std::string& input : {text, canonical}) {
+      parsed.Parse(input);
+      parsed.Serialize(out.data());
+      EXPECT_EQ(out, bytes);
+      EXPECT_EQ(parsed.to_string(), canonical);
+    }
     ASSERT_TRUE(decoded.Deserialize(bytes.data()));
     EXPECT_EQ(decoded.to_string(), canonical);
-    reparsed.Parse(canonical);
-    reparsed.Serialize(out.data());
-    EXPECT_EQ(out, bytes);
   }
 }
 
@@ -51,16 +42,12 @@ void ExpectRefused(const std::string& good, const std::vector<std::string>& bad)
 struct Mac : MACAddr {
   void Parse(const std::string& text) { set_addr(text); }
   void Serialize(uint8_t* out) const { std::copy(bytes().begin(), bytes().end(), out); }
-  bool Deserialize(const uint8_t* in) {
-    set_addr(in);
-    return true;
-  }
+  bool Deserialize(const uint8_t* in) { return set_addr(in), true; }
 };
 
 TEST(MACAddrTest, RoundTripsAndRefusals) {
   ExpectRoundTrips<Mac>(
-      {{"00:00:00:00:00:00", {0, 0, 0, 0, 0, 0}, "00:00:00:00:00:00"},
-       {"AA:BB:CC:DD:EE:FF", {0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff}, "aa:bb:cc:dd:ee:ff"},
+      {{"AA:BB:CC:DD:EE:FF", {0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff}, "aa:bb:cc:dd:ee:ff"},
        {"fF:0a:A0:10:09:90", {0xff, 0x0a, 0xa0, 0x10, 0x09, 0x90}, "ff:0a:a0:10:09:90"}});
   ExpectRefused<Mac>(
       "12:34:56:78:9a:bc",

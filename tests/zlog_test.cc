@@ -1,5 +1,3 @@
-// zlog and the middleware stand-ins: line format, output stream, categories.
-
 #include "zlog.h"
 
 #include <stdio.h>
@@ -23,9 +21,7 @@ TEST(ZlogTest, LineFormat) {
             "db_intf 12 src/lib/db_object.cc:123 StoreObject: ERROR: table t1 id 7 code -4\n"
             "- 10 src/lib/x.cc:5 Init: hello\n- 12 :0 : \n- 12 f.cc:9 g: " +
                 payload + "|end\n");
-}
-
-TEST(ZlogTest, NullOutputRestoresStandardError) {
+  // A null output restores standard error.
   FILE* file = tmpfile();
   ASSERT_NE(file, nullptr);
   zlog_set_output(file);

@@ -1,6 +1,5 @@
-// Every rendering of arbitrary bytes held in each kind of Attribute, and the
-// debug commands' parser reading back what each print format shows (an
-// operator types filters in the form the commands print).
+// Every rendering of arbitrary bytes in each kind of Attribute, and the parser
+// reading back what each print format shows.
 
 #include <cstring>
 
@@ -21,7 +20,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                             db::Attribute(db::kString),
                             db::Attribute(db::kBytes)};
   for (const db::Attribute& value : values) {
-    // RenderValue below covers the renderings chosen by print format.
     value.ToString();
     db_fuzz::Require(value.Size() <= size + 4 && value.ToHex(text).size() == 2 * size &&
                          !db::ScalarFieldsMapToString({{"f", value}}).empty(),
@@ -29,10 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int format = db::kDefault; format <= db::kUnsigned + 1; ++format) {
       const std::string shown =
           db::DbObject::RenderValue(value, static_cast<db::PrintFormat>(format));
-      // Formats 3, 4 and 9 are refused by the parser on purpose, and so are
-      // the texts "(invalid)" and "(unset)", whatever value shows them. An
-      // integer or float shown as an interface name always shows id 0 (its
-      // value is not used), and names are parsed into strings and bytes only.
+      // The parser refuses formats 3, 4, 9, "(invalid)" and "(unset)"; numbers
+      // shown as interface names show id 0 and do not parse back.
       const bool numeric = value.type() == db::kInteger || value.type() == db::kFloat;
       if (!value.is_set() || shown.empty() || shown == db::Attribute::kToStringInvalid ||
           shown == db::Attribute::kToStringUnset || format == db::kIpAddressAlt1 ||

@@ -1,5 +1,4 @@
-// db-shell's command line: any line typed at its prompt, on a SQLite file
-// and a LevelDB database that the library wrote (the first byte chooses).
+// Any line typed at db-shell's prompt, on SQLite or LevelDB (first byte).
 
 #include "discovery.h"
 #include "fuzz_util.h"

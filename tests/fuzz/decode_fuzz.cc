@@ -1,14 +1,9 @@
-// The decoders of stored LevelDB data, each against a schema: a scalar record
-// value, a repeated-field value, the scalar and repeated schema records, the
-// index list and a record key. One input holds them all, separated by 0x1E
-// bytes; they are decoded directly and then stored as a table of a real
-// database and read back through the backend.
+// Stored LevelDB data (scalar and repeated values, schema records, index list,
+// record key; one input split at 0x1E bytes), decoded directly and read back
+// through the backend.
 
 #include <leveldb/db.h>
 #include <leveldb/write_batch.h>
-
-#include <iterator>
-#include <memory>
 
 #include "fuzz_util.h"
 #include "leveldb_api.h"
@@ -34,7 +29,7 @@ void Decode(const std::string& scalar, const std::string& repeated) {
   wider.emplace("bb", Attribute(db::kString));
   std::string migrated = scalar;
   db_fuzz::AllowConversionErrors([&] { serializer.AddScalarField(migrated, "bb", wider); });
-  // Type 4 is outside the four kinds: its elements are skipped.
+  // Type 4 is no kind: its elements are skipped.
   for (int type = 0; type <= 4; ++type) {
     std::pair<db::AttributeType, std::vector<Attribute>> field(static_cast<db::AttributeType>(type),
                                                                {Attribute(db::kInteger) = 1});
@@ -72,7 +67,6 @@ void ReadBack(const std::string& path, const std::vector<std::string>& parts,
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string path = db_fuzz::Scratch() + "/decode";
-  // Keeps the database open between inputs.
   static const auto keeper = std::make_unique<db::LeveldbAPI>(path, "keeper");
   std::vector<std::string> parts = db_fuzz::Split(data, size, '\x1e');
   parts.resize(6);
@@ -85,13 +79,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   leveldb::WriteBatch batch;
   for (size_t i = 0; i < std::size(values); ++i) batch.Put(keys[i], *values[i]);
   db->Write({}, &batch);
-  // Damaged schema records and keys may throw out of the backend's
-  // construction and scans, where those conversions are let pass.
+  // Damaged schema records and keys may throw those conversions out.
   db_fuzz::AllowConversionErrors([&] { ReadBack(path, parts, &keys); });
   batch.Clear();
   for (const std::string& key : keys) batch.Delete(key);
   db->Write({}, &batch);
-  // Old versions and deletions would slow every later scan down.
   static int inputs = 0;
   if (++inputs % 256 == 0) db->CompactRange(nullptr, nullptr);
   return 0;

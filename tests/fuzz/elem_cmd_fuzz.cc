@@ -1,5 +1,4 @@
-// Any line run by the command group on which two populated tables (SQLite
-// "sq", LevelDB "lv") installed their debug commands.
+// Any line run on the debug commands of a SQLite and a LevelDB table.
 
 #include "elem_cmd.h"
 #include "fuzz_util.h"

@@ -1,12 +1,8 @@
-// Set-up shared by the fuzz targets: library start-up, scratch databases, a
-// populated table with a field of every kind and print format, and the
-// splitting of an input into parts.
+// Set-up shared by the fuzz targets.
 
 #ifndef DB_INTF_TESTS_FUZZ_FUZZ_UTIL_H_
 #define DB_INTF_TESTS_FUZZ_FUZZ_UTIL_H_
 
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
@@ -17,30 +13,21 @@
 
 namespace db_fuzz {
 
-// Starts the library once per process with its log lines going to /dev/null
-// (the targets look for crashes, hangs and sanitizer reports, not for
-// messages) and returns a scratch directory that is removed at exit.
+// Starts the library once, its log going to /dev/null; returns a scratch
+// directory removed at exit.
 const std::string& Scratch();
-
-// /dev/null, for command output.
-FILE* Sink();
-
+FILE* Sink();  // /dev/null
 // `data` split at every `separator` byte (an empty input gives one empty part).
 std::vector<std::string> Split(const uint8_t* data, size_t size, char separator);
-
-// An object on `table` of the SQLite file or LevelDB directory `path`, with
-// one scalar field per kind and print format and two repeated fields (LevelDB:
-// two of the fields indexed), the tables created and five records stored.
+// `table` in `path` with a scalar field per kind and print format, two repeated
+// fields (LevelDB: an index on two fields) and five records.
 std::unique_ptr<db::DbObject> PopulatedTable(db::DbType type, const std::string& path,
                                              const std::string& table);
-
-// Aborts with `what` on standard error when `ok` is false: a broken property
-// is a finding like a crash.
+// Aborts with `what` when `ok` is false: a broken property is a finding.
 void Require(bool ok, const char* what);
 
-// Runs `fn`. The conversion errors that the library lets pass from damaged
-// values (std::invalid_argument and std::out_of_range of std::stoi,
-// std::stoul and substr) end it quietly; any other exception is a finding.
+// Runs `fn`, ending quietly on the conversion errors (std::stoi, std::stoul,
+// substr) the library lets pass from damaged values.
 template <class Fn>
 void AllowConversionErrors(Fn fn) {
   try {

@@ -1,8 +1,6 @@
-// libFuzzer target: the messaging frame parser, fed a byte stream the way the
-// router meets a client's or a peer router's socket (the seeds hold both kinds
-// of frames), and the names those frames carry.
+// The messaging frame parser on a client's or peer router's byte stream, and
+// the names those frames carry.
 
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -30,8 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (size_t cut : {size_t{0}, size_t{1}, size_t{7}, db::ipc::kFrameHeaderSize, len - 1}) {
       if (cut < len && db::ipc::ParseFrame(data + pos, cut, &h) != ParseResult::kNeedMore) abort();
     }
-    // A name a client opens or a peer router announces (or its own node name)
-    // can be found from another node as "NODE/name".
+    // A name opened or announced can be found from another node as "NODE/name".
     const char* payload = reinterpret_cast<const char*>(data + pos + db::ipc::kFrameHeaderSize);
     if (db::ipc::MaxPayload(h.command) == IPC_MAX_NAME && db::ipc::ValidName(payload, h.size)) {
       std::string remote = std::string(payload, h.size) + "/" + std::string(payload, h.size);

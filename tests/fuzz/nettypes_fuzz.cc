@@ -1,6 +1,5 @@
-// The parsers of MAC addresses, IPv4 and IPv6 prefixes and interface names on
-// arbitrary text, and their round trips: what a parser accepts, and every
-// byte form, renders to a text that parses back to the same value.
+// MAC, IPv4/IPv6 prefix and interface name parsers: what they accept, and
+// every byte form, renders to a text that parses back to the same value.
 
 #include <cstring>
 
