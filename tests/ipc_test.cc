@@ -80,9 +80,8 @@ class IpcTest : public testing::Test {
     size_t seen = Log(node).size();  // a restarted router appends
     pids_[node] = RunRouter(args, dir_.File(node + "router.log"), false);
     std::string log, key = "links on 127.0.0.1:";
-    for (int i = 0; i < 3000 && (log = Log(node).substr(seen)).find("serving") == log.npos; ++i) {
+    for (int i = 0; i < 3000 && (log = Log(node).substr(seen)).find("serving") == log.npos; ++i)
       usleep(10000);
-    }
     return log.find(key) == log.npos ? 0 : atoi(log.c_str() + log.find(key) + key.size());
   }
   int Stop(const std::string& node, int sig) {
