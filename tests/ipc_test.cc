@@ -152,6 +152,7 @@ TEST_F(IpcTest, CallsWatchesTimeOutsAndRouterGone) {
   EXPECT_EQ(Err(ipc_open(std::string(63, 'w').c_str())), EADDRINUSE);
   EXPECT_EQ(Err(ipc_send(w, 1, 0, big, IPC_MAX_SIZE + 1)), EMSGSIZE);
   EXPECT_EQ(Count("refused connection"), 1);
+  EXPECT_EQ(Count("name \"" + std::string(63, 'w') + "\" is taken"), 1);
   EXPECT_EQ(ipc_self(nullptr), 0u);
   // A watch fires exactly once however its endpoint ends, and never once unwatched.
   enum Ending { kClose, kKill, kAlreadyGone, kUnwatch, kUnwatchQueued, kUnwatchInFlight };
@@ -292,6 +293,7 @@ TEST_F(IpcTest, BadClientsAndRouterProgram) {
         open("r1") + huge,  // a length of 4 GiB
         open("r2") + Frame(db::ipc::kSend, ipc_self(r), 0, std::string(100, 'x')).substr(0, 60),
         open("r3") + Frame(99, 0, 0, ""),  // unknown command
+        open("bad name") + Frame(db::ipc::kSend, ipc_self(r), 0, "after refusal"),  // not read
         Frame(db::ipc::kSend, ipc_self(r), 0, "before open")}) {
     close(raw(bytes));
   }
