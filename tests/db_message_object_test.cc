@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include <google/protobuf/text_format.h>
 #include <google/protobuf/util/message_differencer.h>
 
 #include "support/test_util.h"
@@ -14,6 +15,8 @@ using db::CompositeFields;
 using db::DbMessageObject;
 using db::ScalarFields;
 using db_test::AllTypes;
+using db_test::Int;
+using db_test::Str;
 using google::protobuf::FieldDescriptor;
 using google::protobuf::util::MessageDifferencer;
 
@@ -21,31 +24,19 @@ const FieldDescriptor* Field(const std::string& name) {
   return AllTypes::descriptor()->FindFieldByName(name);
 }
 
-Attribute V(const db::AttributeValue& v) {
-  Attribute a;
-  a.set_value(v);
-  return a;
+AllTypes Msg(const std::string& text) {
+  AllTypes m;
+  EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(text, &m)) << text;
+  return m;
 }
 
 // Every field set: negative integers, an unsigned value above the signed
 // 32-bit range, exact binary fractions, bytes holding NUL, 0xFF and a quote.
 AllTypes Full() {
-  AllTypes m;
-  m.set_i32(-5);
-  m.set_i64(-7);
-  m.set_u32(4000000000u);
-  m.set_u64(123456);
-  m.set_dbl(2.5);
-  m.set_flt(-0.75f);
-  m.set_flag(true);
-  m.set_label("port one");
-  m.set_color(db_test::BLUE);
-  m.set_payload(std::string("\x00\x01\xff'q", 5));
-  m.mutable_nested()->set_depth(3);
-  for (int n : {1, -2}) m.add_numbers(n);
-  for (const char* n : {"a", "b c"}) m.add_names(n);
-  for (auto c : {db_test::RED, db_test::BLUE}) m.add_colors(c);
-  return m;
+  return Msg(
+      "i32: -5 i64: -7 u32: 4000000000 u64: 123456 dbl: 2.5 flt: -0.75 flag: true "
+      "label: 'port one' color: BLUE payload: '\\000\\001\\377\\'q' nested { depth: 3 } "
+      "numbers: [1, -2] names: ['a', 'b c'] colors: [RED, BLUE]");
 }
 
 // What a stored message reads back as: nested messages are not carried.
@@ -137,13 +128,11 @@ TEST_P(MessageStoreTest, RoundTripUpdateAndDelete) {
   ScalarFields s;
   CompositeFields c;
   ASSERT_EQ(0, object->RetrieveObject(id, &s, &c));
-  EXPECT_EQ(V(1), s.at("flag"));  // bool true is the integer 1
+  EXPECT_EQ(Int(1), s.at("flag"));  // bool true is the integer 1
 
   AllTypes changed = Full();
-  changed.set_i32(42);
-  changed.set_flag(false);
   changed.clear_numbers();
-  changed.add_numbers(7);
+  changed.MergeFrom(Msg("i32: 42 flag: false numbers: 7"));
   ASSERT_EQ(0, object->UpdateMessageObject(id, &changed));
   ExpectStored(*object, id, changed);
   ExpectStored(*object, other, Full());
@@ -165,79 +154,67 @@ TEST_P(MessageStoreTest, RoundTripUpdateAndDelete) {
   EXPECT_EQ(-1, object->StoreMessageObject(&unused, nullptr));
   EXPECT_EQ(-1, object->RetrieveMessageObjects(&ids, &wrong));
   db_test::Nested wrong_out;
-  ScalarFields left = {{"stale", V(1)}};
-  CompositeFields left_c = {{"stale", {db::kInteger, {V(1)}}}};
+  ScalarFields left = {{"stale", Int(1)}};
+  CompositeFields left_c = {{"stale", {db::kInteger, {Int(1)}}}};
   EXPECT_EQ(-1, object->RetrieveMixedObject(id, &wrong_out, &left, &left_c));
   EXPECT_TRUE(left.empty() && left_c.empty());
   EXPECT_TRUE(log_.Contains("is not a field of message type='db_test.Nested'"));
 }
 
+// A filter is made of the fields a message sets, a field set to its default included.
 TEST_P(MessageStoreTest, FilterFromTheFieldsAMessageSets) {
   auto object = Open();
-  auto make = [](const char* label, std::vector<int> numbers, bool set_i32 = false, int i32 = 0) {
-    AllTypes m;
-    if (set_i32) m.set_i32(i32);
-    if (label != nullptr) m.set_label(label);
-    for (int n : numbers) m.add_numbers(n);
-    return m;
+  for (const char* text : {"i32: 1 label: 'x' numbers: [1, 2]", "i32: 1 label: 'y' numbers: 3",
+                           "i32: 2 label: 'x' numbers: 2", "label: 'z'"}) {
+    Store(object.get(), Msg(text));
+  }
+  const std::vector<std::tuple<std::string, int, std::vector<uint32_t>>> cases = {
+      {"", 0, {1, 2, 3, 4}},
+      {"i32: 1", 0, {1, 2}},
+      {"i32: 0", 0, {4}},
+      {"label: 'x'", 0, {1, 3}},
+      {"i32: 1 numbers: 2", 0, {1}},
+      {"numbers: 2", -1, {}},  // a repeated field alone is not answered
   };
-  const uint32_t a = Store(object.get(), make("x", {1, 2}, true, 1));
-  const uint32_t b = Store(object.get(), make("y", {3}, true, 1));
-  const uint32_t c = Store(object.get(), make("x", {2}, true, 2));
-  const uint32_t d = Store(object.get(), make("z", {}));  // i32 stored as 0
-  const struct {
-    AllTypes filter;
-    int rc;
-    std::vector<uint32_t> ids;
-  } cases[] = {
-      {AllTypes(), 0, {a, b, c, d}},  // no field set selects every id
-      {make(nullptr, {}, true, 1), 0, {a, b}},
-      {make(nullptr, {}, true, 0), 0, {d}},  // a field set to its default
-      {make("x", {}), 0, {a, c}},
-      {make(nullptr, {2}, true, 1), 0, {a}},
-      {make(nullptr, {2}), -1, {}},  // a repeated field alone is not answered
-  };
-  for (const auto& test : cases) {
+  for (const auto& [text, rc, expected] : cases) {
     std::vector<uint32_t> ids = {12345};
-    EXPECT_EQ(test.rc, object->RetrieveMessageObjects(&ids, &test.filter));
+    const AllTypes filter = Msg(text);
+    EXPECT_EQ(rc, object->RetrieveMessageObjects(&ids, &filter));
     std::sort(ids.begin(), ids.end());
-    EXPECT_EQ(test.ids, ids) << test.filter.DebugString();
+    EXPECT_EQ(expected, ids) << text;
   }
 }
 
-TEST_P(MessageStoreTest, MixedRecordIsSplitBetweenMessageAndMaps) {
+// Numbers that do not fit the message are refused or logged.
+TEST_P(MessageStoreTest, MixedRecordsAndNumbersThatDoNotFit) {
   auto object = Open(/*extras=*/true);
-  const AllTypes m = Full();
+  AllTypes m = Full();
   ASSERT_EQ(0, object->ParseFromMessage(&m));
   object->scalar_fields()["vlan"] = 42;
-  object->composite_fields()["tags"].second = {V(std::string("red"))};
+  object->composite_fields()["tags"].second = {Str("red")};
   uint32_t id = 0;
   ASSERT_EQ(0, object->StoreObject(&id));
   AllTypes out;
-  ScalarFields scalar = {{"stale", V(1)}};
+  ScalarFields scalar = {{"stale", Int(1)}};
   CompositeFields composite;
   ASSERT_EQ(0, object->RetrieveMixedObject(id, &out, &scalar, &composite));
   EXPECT_TRUE(MessageDifferencer::Equals(out, Carried(m))) << out.DebugString();
-  EXPECT_EQ((ScalarFields{{"vlan", V(42)}}), scalar);
-  EXPECT_EQ((CompositeFields{{"tags", {db::kString, {V(std::string("red"))}}}}), composite);
+  EXPECT_EQ((ScalarFields{{"vlan", Int(42)}}), scalar);
+  EXPECT_EQ((CompositeFields{{"tags", {db::kString, {Str("red")}}}}), composite);
   ExpectStored(*object, id, m);
-}
 
-TEST_P(MessageStoreTest, NumbersThatDoNotFitTheMessage) {
-  auto object = Open();
-  AllTypes m = Full();
-  m.set_i64(5000000000ll);
-  uint32_t id = 0;
-  EXPECT_THROW(object->StoreMessageObject(&id, &m), std::out_of_range);
-  m.set_i64(-2147483648ll);
-  ExpectStored(*object, Store(object.get(), m), m);
+  AllTypes wide = Full();
+  wide.set_i64(5000000000ll);
+  EXPECT_THROW(object->StoreMessageObject(&id, &wide), std::out_of_range);
+  wide.set_i64(-2147483648ll);
+  ExpectStored(*object, Store(object.get(), wide), wide);
 
   // An enum number the type lacks is logged and leaves the field unset.
   ASSERT_EQ(0, object->ParseFromMessage(&m));
   object->scalar_fields()["color"] = 3;
-  object->composite_fields()["colors"].second = {V(1), V(4), V(5)};
+  object->composite_fields()["colors"].second = {Int(1), Int(4), Int(5)};
   ASSERT_EQ(0, object->StoreObject(&id));
-  AllTypes out;
+  out.Clear();
   ASSERT_EQ(0, object->RetrieveMessageObject(id, &out));
   EXPECT_FALSE(out.has_color());
   EXPECT_EQ(2, out.colors_size());
@@ -248,8 +225,6 @@ TEST_P(MessageStoreTest, NumbersThatDoNotFitTheMessage) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, MessageStoreTest, ::testing::Values(db::kSqlite, db::kLevelDb),
-                         [](const ::testing::TestParamInfo<db::DbType>& info) {
-                           return std::string(info.param == db::kSqlite ? "Sqlite" : "LevelDb");
-                         });
+                         db_test::BackendName);
 
 }  // namespace

@@ -22,6 +22,7 @@ namespace {
 
 using db::Attribute;
 using db::DbObject;
+using db_test::Val;
 
 // Runs db-shell with `args` and `input` on standard input, with a scratch
 // directory of its own as $TMPDIR, which must be empty again afterwards.
@@ -33,12 +34,6 @@ db_test::ProgramRun RunShell(const std::vector<std::string>& args, const std::st
   db_test::ProgramRun run = db_test::RunProgram(argv, input);
   EXPECT_TRUE(std::filesystem::is_empty(tmp.path())) << "the private copy is left behind";
   return run;
-}
-
-Attribute V(const db::AttributeValue& v) {
-  Attribute a;
-  a.set_value(v);
-  return a;
 }
 
 const char kTables[] =
@@ -59,51 +54,46 @@ class DbShellTest : public testing::TestWithParam<db::DbType> {
     return args;
   }
 
-  // Tables ports and links, declared as the test writes them.
-  std::unique_ptr<DbObject> Ports() const {
-    auto ports = std::make_unique<DbObject>(Path(), "ports", false, GetParam());
-    ports->AppendScalarAttribute("name", Attribute(db::kString), db::kDefault);
-    ports->AppendScalarAttribute("speed", Attribute(db::kInteger), db::kDefault);
-    ports->AppendScalarAttribute("ratio", Attribute(db::kFloat), db::kDefault);
-    ports->AppendScalarAttribute("mac", Attribute(db::kBytes), db::kDefault);
-    ports->AppendCompositeAttribute("vlans", Attribute(db::kInteger), db::kDefault);
-    return ports;
-  }
-  std::unique_ptr<DbObject> Links() const {
-    auto links = std::make_unique<DbObject>(Path(), "links", false, GetParam());
-    links->AppendScalarAttribute("peer", Attribute(db::kString), db::kDefault);
-    links->AppendScalarAttribute("cost", Attribute(db::kInteger), db::kDefault);
-    return links;
+  // Table ports or links, declared as the test writes them.
+  std::unique_ptr<DbObject> Table(const std::string& name) const {
+    auto table = std::make_unique<DbObject>(Path(), name, false, GetParam());
+    const std::vector<std::pair<const char*, db::AttributeType>> fields =
+        name == "links" ? decltype(fields){{"peer", db::kString}, {"cost", db::kInteger}}
+                        : decltype(fields){{"name", db::kString},
+                                           {"speed", db::kInteger},
+                                           {"ratio", db::kFloat},
+                                           {"mac", db::kBytes}};
+    for (const auto& [field, type] : fields)
+      table->AppendScalarAttribute(field, Attribute(type), db::kDefault);
+    if (name == "ports")
+      table->AppendCompositeAttribute("vlans", Attribute(db::kInteger), db::kDefault);
+    return table;
   }
 
   // Three ports and one link; the objects are gone when this returns.
   void WriteDatabase() {
-    auto ports = Ports();
-    ASSERT_EQ(0, ports->CreateObjTables());
+    auto ports = Table("ports"), links = Table("links");
+    ASSERT_EQ(0, ports->CreateObjTables() + links->CreateObjTables());
     const std::vector<std::vector<int32_t>> vlans = {{10, 20}, {20}, {}};
+    uint32_t id = 0;
     for (uint8_t i = 0; i < 3; ++i) {
       ports->scalar_fields() = {
-          {"name", V(std::string(i == 1 ? "eth 1" : "eth" + std::to_string(i)))},
-          {"speed", V(i == 0 ? 1000 : 10000)},
-          {"ratio", V(0.5f + 0.75f * i)},
-          {"mac", V(std::vector<uint8_t>{2, 0, 0, 0, 0, uint8_t(i + 1)})}};
+          {"name", Val(std::string(i == 1 ? "eth 1" : "eth" + std::to_string(i)))},
+          {"speed", Val(i == 0 ? 1000 : 10000)},
+          {"ratio", Val(0.5f + 0.75f * i)},
+          {"mac", Val(std::vector<uint8_t>{2, 0, 0, 0, 0, uint8_t(i + 1)})}};
       ports->composite_fields()["vlans"].second.clear();
-      for (int32_t vlan : vlans[i]) ports->composite_fields()["vlans"].second.push_back(V(vlan));
-      uint32_t id = 0;
+      for (int32_t vlan : vlans[i]) ports->composite_fields()["vlans"].second.push_back(Val(vlan));
       ASSERT_EQ(0, ports->StoreObject(&id));
       port_ids_.push_back(id);
     }
-    auto links = Links();
-    ASSERT_EQ(0, links->CreateObjTables());
-    links->scalar_fields() = {{"peer", V(std::string("core-1"))}, {"cost", V(7)}};
-    uint32_t id = 0;
+    links->scalar_fields() = {{"peer", Val(std::string("core-1"))}, {"cost", Val(7)}};
     ASSERT_EQ(0, links->StoreObject(&id));
   }
 
   // What `commands` print on the library's own command group.
   std::string LibraryOutput(const std::vector<std::string>& commands) const {
-    auto ports = Ports();
-    auto links = Links();
+    auto ports = Table("ports"), links = Table("links");
     ELEM_CMD_GROUP_ST* group = ElemCmdGroupCreate("reference");
     ports->InstallDebugCmd(group);
     links->InstallDebugCmd(group);
@@ -132,10 +122,17 @@ class DbShellTest : public testing::TestWithParam<db::DbType> {
   std::vector<uint32_t> port_ids_;
 };
 
+// A LevelDB database held open by a daemon (here this process, whose handle
+// holds LevelDB's lock) is read from a private copy, recent writes included.
 TEST_P(DbShellTest, CommandsPrintWhatTheLibraryPrintsAndChangeNothing) {
   WriteDatabase();
+  auto held = Table("ports");
+  held->scalar_fields()["name"] = Val(std::string("late"));
+  uint32_t late = 0;
+  ASSERT_EQ(0, held->StoreObject(&late));
   const std::vector<std::string> commands = {
       "Get Size ports",
+      "Retrieve Record ports " + std::to_string(late),
       "Dump ports all",
       "Retrieve Record ports " + std::to_string(port_ids_[1]),
       "Retrieve Records ports -s speed=10000",
@@ -148,7 +145,7 @@ TEST_P(DbShellTest, CommandsPrintWhatTheLibraryPrintsAndChangeNothing) {
   EXPECT_EQ(0, run.status) << run.err;
   EXPECT_EQ(expected, run.out);
   for (const char* shown : {"ports database size", "eth_1", "10, 20", "0x020000000001", "1.25",
-                            "core-1", "Entry not found"}) {
+                            "core-1", "Entry not found", "late"}) {
     EXPECT_NE(std::string::npos, run.out.find(shown)) << shown;
   }
   run = RunShell(Args({"tables", "help"}));
@@ -164,50 +161,28 @@ TEST_P(DbShellTest, CommandsPrintWhatTheLibraryPrintsAndChangeNothing) {
 
 TEST_P(DbShellTest, ExitStatusAndStandardError) {
   WriteDatabase();
-  const struct {
-    std::vector<std::string> commands;
-    const char* input;
-    int status;
-    const char* out;  // the command whose library output is expected
-    const char* err;
-  } cases[] = {
+  // Each row: -c commands, standard input, exit status, the command whose output
+  // is expected, a part of standard error.
+  using Case = std::tuple<std::vector<std::string>, const char*, int, const char*, const char*>;
+  const std::string size = "Get Size ports";
+  const Case cases[] = {
       {{}, "# comment\n\nGet Size links\nquit\nGet Size ports\n", 0, "Get Size links", ""},
       {{}, "Get Size ports\nget size ports\n", 1, "Get Size ports", "unknown command: get size"},
-      {{"Frobnicate ports", "Get Size ports"}, "", 1, "Get Size ports", "unknown command: Frob"},
-      {{"Get Size nosuchtable", "Get Size ports"}, "", 1, "Get Size ports", "command: Get Size n"},
+      {{"Frobnicate ports", size}, "", 1, "Get Size ports", "unknown command: Frob"},
+      {{"Get Size nosuchtable", size}, "", 1, "Get Size ports", "command: Get Size n"},
       // The filter parser would never return on a group without a name.
-      {{"Retrieve Records ports -s speed=1 -c =[1]", "Retrieve Records ports -xc=[1]",
-        "Get Size ports"},
+      {{"Retrieve Records ports -s speed=1 -c =[1]", "Retrieve Records ports -xc=[1]", size},
        "",
        1,
        "Get Size ports",
        "refused"},
   };
-  for (const auto& c : cases) {
-    db_test::ProgramRun run = RunShell(Args(c.commands), c.input);
-    EXPECT_EQ(c.status, run.status) << run.err;
-    EXPECT_EQ(LibraryOutput({c.out}), run.out);
-    EXPECT_NE(std::string::npos, run.err.find(c.err)) << run.err;
+  for (const auto& [commands, input, status, out, err] : cases) {
+    db_test::ProgramRun run = RunShell(Args(commands), input);
+    EXPECT_EQ(status, run.status) << run.err;
+    EXPECT_EQ(LibraryOutput({out}), run.out);
+    EXPECT_NE(std::string::npos, run.err.find(err)) << run.err;
   }
-}
-
-// A LevelDB database held open by a daemon (here this process, whose handle
-// holds LevelDB's lock) is read from a private copy, recent writes included,
-// and stays untouched.
-TEST_P(DbShellTest, LiveLevelDbDatabaseIsReadFromACopy) {
-  if (sqlite()) GTEST_SKIP() << "SQLite reads beside its writers";
-  WriteDatabase();
-  auto held = Ports();
-  held->scalar_fields()["name"] = V(std::string("late"));
-  uint32_t id = 0;
-  ASSERT_EQ(0, held->StoreObject(&id));
-  const std::string before = Snapshot();
-  const std::vector<std::string> commands = {"Get Size ports",
-                                             "Retrieve Record ports " + std::to_string(id)};
-  db_test::ProgramRun run = RunShell(Args(commands));
-  EXPECT_EQ(0, run.status) << run.err;
-  EXPECT_EQ(LibraryOutput(commands), run.out);
-  EXPECT_EQ(before, Snapshot());
 }
 
 // Exit 2 with one line on standard error, nothing created or touched. A file
@@ -241,8 +216,8 @@ TEST(DbShellOpenTest, RefusedDatabasesAndArgumentsExitTwoAndOldFilesStayAsTheyAr
     EXPECT_NE(std::string::npos, run.err.find(message)) << run.err;
     EXPECT_EQ(run.err.size() - 1, run.err.find('\n')) << run.err;  // one line
   }
-  EXPECT_FALSE(std::filesystem::exists(dir.File("missing.sqlite")));
-  EXPECT_FALSE(std::filesystem::exists(dir.File("missing")));
+  for (const char* name : {"missing.sqlite", "missing"})
+    EXPECT_FALSE(std::filesystem::exists(dir.File(name))) << name;
   EXPECT_TRUE(std::filesystem::is_empty(e));
   EXPECT_EQ("this is not a database\n", db_test::ReadFile(t));
   db_test::ProgramRun help = RunShell({"--help"});

@@ -80,9 +80,8 @@ class IpcTest : public testing::Test {
     size_t seen = Log(node).size();  // a restarted router appends
     pids_[node] = RunRouter(args, dir_.File(node + "router.log"), false);
     std::string log, key = "links on 127.0.0.1:";
-    for (int i = 0; i < 3000 && (log = Log(node).substr(seen)).find("serving") == log.npos; ++i) {
+    for (int i = 0; i < 3000 && (log = Log(node).substr(seen)).find("serving") == log.npos; ++i)
       usleep(10000);
-    }
     return log.find(key) == log.npos ? 0 : atoi(log.c_str() + log.find(key) + key.size());
   }
   int Stop(const std::string& node, int sig) {
@@ -135,10 +134,6 @@ INSTANTIATE_TEST_SUITE_P(Ipc, IpcBothTest, testing::Bool());
 // The errno of a call that failed (returned -1 or null), 0 when it did not.
 int Err(int rc) { return rc == -1 ? errno : 0; }
 int Err(const void* p) { return p == nullptr ? errno : 0; }
-template <class... Ints>
-std::vector<int> Errs(Ints... errs) {
-  return {errs...};
-}
 
 TEST_F(IpcTest, CallsWatchesTimeOutsAndRouterGone) {
   Start();
@@ -147,15 +142,17 @@ TEST_F(IpcTest, CallsWatchesTimeOutsAndRouterGone) {
   ipc_message* m;
   static char big[IPC_MAX_SIZE + 1];
   EXPECT_THAT(
-      Errs(Err(ipc_open("")), Err(ipc_open(std::string(64, 'a').c_str())), Err(ipc_open("a b")),
-           Err(ipc_open("a/b")), Err(ipc_open("x\x7f")), Err(ipc_close(nullptr)),
-           Err(ipc_fd(nullptr)), Err(ipc_find(nullptr, "x", 1)), Err(ipc_find(w, "a/b/c", 1)),
-           Err(ipc_watch(w, 0, 1)), Err(ipc_unwatch(w, 7)), Err(ipc_send(w, 0, 0, "", 0)),
-           Err(ipc_receive(w, nullptr, 1, 0, &m)), Err(ipc_receive(w, nullptr, 0, -2, &m))),
+      (std::vector<int>{
+          Err(ipc_open("")), Err(ipc_open(std::string(64, 'a').c_str())), Err(ipc_open("a b")),
+          Err(ipc_open("a/b")), Err(ipc_open("x\x7f")), Err(ipc_close(nullptr)),
+          Err(ipc_fd(nullptr)), Err(ipc_find(nullptr, "x", 1)), Err(ipc_find(w, "a/b/c", 1)),
+          Err(ipc_watch(w, 0, 1)), Err(ipc_unwatch(w, 7)), Err(ipc_send(w, 0, 0, "", 0)),
+          Err(ipc_receive(w, nullptr, 1, 0, &m)), Err(ipc_receive(w, nullptr, 0, -2, &m))}),
       testing::Each(EINVAL));
   EXPECT_EQ(Err(ipc_open(std::string(63, 'w').c_str())), EADDRINUSE);
   EXPECT_EQ(Err(ipc_send(w, 1, 0, big, IPC_MAX_SIZE + 1)), EMSGSIZE);
   EXPECT_EQ(Count("refused connection"), 1);
+  EXPECT_EQ(Count("name \"" + std::string(63, 'w') + "\" is taken"), 1);
   EXPECT_EQ(ipc_self(nullptr), 0u);
   // A watch fires exactly once however its endpoint ends, and never once unwatched.
   enum Ending { kClose, kKill, kAlreadyGone, kUnwatch, kUnwatchQueued, kUnwatchInFlight };
@@ -211,9 +208,10 @@ TEST_F(IpcTest, CallsWatchesTimeOutsAndRouterGone) {
   usleep(300000);
   Stop("", SIGKILL);
   signal(SIGPIPE, SIG_DFL);
-  EXPECT_THAT(Errs(Err(ipc_receive(w, nullptr, 0, -1, &m)), Err(ipc_send(w, 1, 1, "x", 1)),
-                   Err(ipc_find(w, "b", 1)), Err(ipc_watch(w, 5, 1))),
-              testing::Each(ECONNRESET));
+  EXPECT_THAT(
+      (std::vector<int>{Err(ipc_receive(w, nullptr, 0, -1, &m)), Err(ipc_send(w, 1, 1, "x", 1)),
+                        Err(ipc_find(w, "b", 1)), Err(ipc_watch(w, 5, 1))}),
+      testing::Each(ECONNRESET));
   pollfd p = {ipc_fd(w), POLLIN, 0};
   EXPECT_EQ(poll(&p, 1, 0), 1);  // the loop is woken to learn of it
   for (ipc_endpoint* ep : {w, sink}) ipc_close(ep);
@@ -266,9 +264,8 @@ TEST_F(IpcTest, ThousandEndpointsLeaveTheRouterFlat) {
   rlimit low = {static_cast<rlim_t>(open_fds + 4), static_cast<rlim_t>(open_fds + 4)};
   ASSERT_EQ(prlimit(pids_[""], RLIMIT_NOFILE, &low, nullptr), 0);
   std::vector<ipc_endpoint*> eps;
-  while (eps.size() < 20 &&
-         (eps.push_back(ipc_open(std::to_string(eps.size()).c_str())), eps.back())) {
-  }
+  do eps.push_back(ipc_open(std::to_string(eps.size()).c_str()));
+  while (eps.size() < 20 && eps.back());
   EXPECT_EQ(eps.back(), nullptr);
   EXPECT_EQ(Count("out of file descriptors"), 1);
   EXPECT_EQ(ipc_send(eps[0], ipc_self(anchor), 1, "", 0), 0);
@@ -296,6 +293,7 @@ TEST_F(IpcTest, BadClientsAndRouterProgram) {
         open("r1") + huge,  // a length of 4 GiB
         open("r2") + Frame(db::ipc::kSend, ipc_self(r), 0, std::string(100, 'x')).substr(0, 60),
         open("r3") + Frame(99, 0, 0, ""),  // unknown command
+        open("bad name") + Frame(db::ipc::kSend, ipc_self(r), 0, "after refusal"),  // not read
         Frame(db::ipc::kSend, ipc_self(r), 0, "before open")}) {
     close(raw(bytes));
   }
