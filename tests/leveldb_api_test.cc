@@ -63,13 +63,17 @@ class LeveldbApiTest : public testing::Test {
 };
 
 TEST_F(LeveldbApiTest, ConnectionSharingAndLockedPath) {
-  auto first = Open();
+  auto first = Created();
   auto second = Open();
   EXPECT_FALSE(first->Disconnect());  // The path stays open for the second user.
   EXPECT_TRUE(first->IsConnected());
-  first.reset();  // Must not release the second user's share again.
+  second.reset();  // Closes the path: the handle first kept is gone.
+  EXPECT_EQ(first->StoreRecord(1, Schema(), {}), -1);
+  EXPECT_TRUE(log_.Contains("ERROR: Write status='IO error: Disconnected', table='T', id=1"));
+  auto third = Open();
+  EXPECT_TRUE(first->Disconnect());  // Must not release the third user's share.
   EXPECT_EQ(LevelDbConnector::GetInstance().Find(path_)->count, 1u);
-  second.reset();
+  third.reset();
 
   leveldb::DB* raw = nullptr;  // Held by leveldb itself: every operation fails.
   ASSERT_TRUE(leveldb::DB::Open(leveldb::Options(), path_, &raw).ok());
@@ -106,7 +110,7 @@ TEST_F(LeveldbApiTest, RecordsLiveUnderTheirKeys) {
                                     {"vlans:T:7", "2,2,2,10,20"}}));
 }
 
-TEST_F(LeveldbApiTest, RefusedRecordOperations) {
+TEST_F(LeveldbApiTest, RefusedRecordOperationsAndRecordsWithoutElements) {
   auto api = Created();
   EXPECT_FALSE(log_.Contains("ERROR")) << "a successful creation logs nothing";
   ASSERT_EQ(api->StoreRecord(3, Schema(-1, nullptr, 5), {}), 0);
@@ -118,6 +122,9 @@ TEST_F(LeveldbApiTest, RefusedRecordOperations) {
   EXPECT_EQ(scalars, Schema(-1, nullptr, 5));
   EXPECT_EQ(api->RetrieveRecord(9, &scalars, &composites), -4);
   EXPECT_TRUE(log_.Contains("ERROR: Get status='NotFound: ', table='T', id=9"));
+  EXPECT_EQ(api->RetrieveRecord(3, nullptr, &composites), -1);
+  EXPECT_TRUE(log_.Contains("ERROR: Invalid parameters"));
+  EXPECT_EQ(api->UpdateRecord(3, {{"vlan", Val(1)}}, {}), -1);
   EXPECT_EQ(api->UpdateRecord(9, Schema(), {}), -4);
   EXPECT_TRUE(log_.Contains("ERROR: Failed to retrieve object, table='T', id=9"));
   // Every scalar field must be named; repeated fields must exist.
@@ -125,6 +132,19 @@ TEST_F(LeveldbApiTest, RefusedRecordOperations) {
   EXPECT_EQ(api->StoreRecord(1, Schema(), {{"other", {kInteger, {Val(1)}}}}), -1);
   EXPECT_EQ(api->CreateTable(Schema(), {}), -1);
   EXPECT_TRUE(log_.Contains("ERROR: Table='T' already exists"));
+  // Repeated fields without elements.
+  ASSERT_EQ(api->StoreRecord(1, Schema(), Vlans({Val(10), Val(20)})), 0);
+  ASSERT_EQ(api->StoreRecord(2, Schema(), {}), 0);
+  ASSERT_EQ(api->UpdateRecord(1, Schema(-1, "new"), Vlans()), 0);  // Keeps the stored elements.
+  scalars = Schema();
+  composites = Vlans({Val(99)});
+  ASSERT_EQ(api->RetrieveRecord(1, &scalars, &composites), 0);
+  EXPECT_EQ(scalars, Schema(-1, "new"));
+  EXPECT_EQ(composites, Vlans({Val(10), Val(20)}));
+  composites = Vlans({Val(99)});  // Nothing stored: left as passed.
+  EXPECT_EQ(api->RetrieveRecord(2, &scalars, &composites), 0);
+  EXPECT_EQ(composites, Vlans({Val(99)}));
+  EXPECT_TRUE(log_.Contains("ERROR: Get status='NotFound: ', composite_table='vlans:T', id=2"));
 }
 
 TEST_F(LeveldbApiTest, EveryOperationOnATableNeverCreatedFails) {
@@ -148,22 +168,6 @@ TEST_F(LeveldbApiTest, EveryOperationOnATableNeverCreatedFails) {
   EXPECT_EQ(log_.Count("ERROR: Table not created. Table='T'"), 11);
   EXPECT_GE(log_.Count("12 src/lib/leveldb_api"), 11);
   EXPECT_EQ(size, -1);
-}
-
-TEST_F(LeveldbApiTest, RepeatedFieldsWithoutElements) {
-  auto api = Created();
-  ASSERT_EQ(api->StoreRecord(1, Schema(), Vlans({Val(10), Val(20)})), 0);
-  ASSERT_EQ(api->StoreRecord(2, Schema(), {}), 0);
-  ASSERT_EQ(api->UpdateRecord(1, Schema(-1, "new"), Vlans()), 0);  // Keeps the stored elements.
-  ScalarFields scalars = Schema();
-  CompositeFields composites = Vlans({Val(99)});
-  ASSERT_EQ(api->RetrieveRecord(1, &scalars, &composites), 0);
-  EXPECT_EQ(scalars, Schema(-1, "new"));
-  EXPECT_EQ(composites, Vlans({Val(10), Val(20)}));
-  composites = Vlans({Val(99)});  // Nothing stored: left as passed.
-  EXPECT_EQ(api->RetrieveRecord(2, &scalars, &composites), 0);
-  EXPECT_EQ(composites, Vlans({Val(99)}));
-  EXPECT_TRUE(log_.Contains("ERROR: Get status='NotFound: ', composite_table='vlans:T', id=2"));
 }
 
 TEST_F(LeveldbApiTest, AddScalarFieldRewritesEveryRecordAndTheSchema) {
@@ -266,39 +270,24 @@ class LevelDbTableTest : public ::testing::Test {
   std::string path_ = dir_.File("db");
 };
 
-TEST_F(LevelDbTableTest, CreateSchemaWritesBothRecordsAndReloads) {
-  Connect();
-  {
-    LevelDbTable table("T", path_);
-    ASSERT_TRUE(table
-                    .CreateSchema({{"b", Val(1.5f)}, {"a", Attribute(kBytes)}},
-                                  {{"z", {kString, {Val("v")}}}, {"m", {kInteger, {}}}})
-                    .ok());
-    EXPECT_TRUE(table.is_created());
-    ASSERT_TRUE(LevelDbTable("E", path_).CreateSchema({{"a", Attribute(kString)}}, {}).ok());
-  }
-  Disconnect();
-  EXPECT_EQ(Dump(path_), (KeyValues{{"schema:T", "a:3,b:2,"},
-                                    {"schema:repeated:T", "m:0,z:1,"},
-                                    {"schema:E", "a:1,"},
-                                    {"schema:repeated:E", ""}}));
-  Connect();
-  LevelDbTable reloaded("T", path_);  // Only the kinds were kept, never the values.
-  EXPECT_TRUE(reloaded.is_created());
-  EXPECT_EQ(reloaded.scalar_schema(),
-            (ScalarFields{{"a", Attribute(kBytes)}, {"b", Attribute(kFloat)}}));
-  EXPECT_EQ(reloaded.composite_schema(),
-            (CompositeFields{{"m", {kInteger, {}}}, {"z", {kString, {}}}}));
-}
-
-TEST_F(LevelDbTableTest, LoadAsymmetry) {
-  // Only the scalar record makes a table created; an unknown type number reads as integer.
+// Only the scalar record makes a table created; an unknown type number reads as integer.
+TEST_F(LevelDbTableTest, SchemaRecordsAndLoadAsymmetry) {
   db_test::Seed(
       path_,
       {{"schema:s", "a:0,b:9,"}, {"schema:repeated:c", "v:1,w:3,"}, {"schema:bad", "a:0,b:x,"}});
   Connect();
+  ASSERT_TRUE(LevelDbTable("T", path_)
+                  .CreateSchema({{"b", Val(1.5f)}, {"a", Attribute(kBytes)}},
+                                {{"z", {kString, {Val("v")}}}, {"m", {kInteger, {}}}})
+                  .ok());
+  ASSERT_TRUE(LevelDbTable("E", path_).CreateSchema({{"a", Attribute(kString)}}, {}).ok());
+  for (const auto& [key, value] : KeyValues{{"schema:T", "a:3,b:2,"},
+                                            {"schema:repeated:T", "m:0,z:1,"},
+                                            {"schema:E", "a:1,"},
+                                            {"schema:repeated:E", ""}})
+    EXPECT_EQ(GetRaw(path_, key), value) << key;
   const std::vector<std::tuple<const char*, bool, size_t, size_t>> cases = {
-      {"none", false, 0, 0}, {"s", true, 2, 0}, {"c", false, 0, 2}};
+      {"none", false, 0, 0}, {"s", true, 2, 0}, {"c", false, 0, 2}, {"T", true, 2, 2}};
   for (const auto& [name, created, scalars, composites] : cases) {
     LevelDbTable table(name, path_);
     EXPECT_EQ(table.is_created(), created) << name;
@@ -306,6 +295,8 @@ TEST_F(LevelDbTableTest, LoadAsymmetry) {
     EXPECT_EQ(table.composite_schema().size(), composites) << name;
   }
   EXPECT_EQ(LevelDbTable("s", path_).scalar_schema().at("b"), Attribute(kInteger));
+  EXPECT_EQ(LevelDbTable("T", path_).composite_schema(),
+            (CompositeFields{{"m", {kInteger, {}}}, {"z", {kString, {}}}}));
   EXPECT_THROW(LevelDbTable("bad", path_), std::invalid_argument);
 }
 
@@ -460,6 +451,8 @@ TEST_F(LeveldbQueryTest, OrderAndRefusedFilters) {
   auto api = Created();
   ASSERT_EQ(api->StoreRecord(10, Record(1, "x", 1), Tags({5})), 0);
   ASSERT_EQ(api->StoreRecord(9, Record(1, "x", 1), {}), 0);
+  PutRaw(path_, "T:", "1,1,5");  // Not record keys: no digits, or more than ten.
+  PutRaw(path_, "T:00000000001", "1,1,5");
   EXPECT_EQ(Query(*api, {}), (Ids{9, 10}));
   log_.Clear();
   Ids ids = {7};

@@ -247,19 +247,6 @@ TEST(SqliteJournal, FileHeldInRollbackModeKeepsItsMode) {
   EXPECT_THAT(other.Query("PRAGMA journal_mode;"), ElementsAre(db_test::Row{"delete"}));
 }
 
-TEST_F(SqliteApiTest, FailureInsideTransactionLeavesItOpen) {
-  CreateDefaultTable();
-  ASSERT_EQ(api_.StoreRecord(1, {{"a", Int(1)}}, {}), 0);
-  log_.Clear();
-  // "x" has no side table: the removal fails after BEGIN and after the scalar update.
-  EXPECT_EQ(api_.UpdateRecord(1, {{"a", Int(2)}}, {{"x", {kInteger, {Int(1)}}}}), -1);
-  EXPECT_TRUE(
-      log_.Contains("ERROR! sqlite3_exec: err_msg='no such table: repeated_field_table_T_x'"));
-  EXPECT_EQ(api_.EndTransaction(), 0);  // it was still open
-  EXPECT_THAT(db_test::RawDb(dir_.File("db.sqlite")).Query("SELECT a FROM T;"),
-              ElementsAre(db_test::Row{"2"}));
-}
-
 TEST_F(SqliteApiTest, DeleteRecordsAndClearTable) {
   CreateDefaultTable();
   const CompositeFields composite = {{"f", {kInteger, {Int(3)}}}, {"g", {kString, {Str("x")}}}};
@@ -272,6 +259,14 @@ TEST_F(SqliteApiTest, DeleteRecordsAndClearTable) {
   EXPECT_EQ(Count("T"), 2);
   EXPECT_EQ(Count("repeated_field_table_T_g"), 2);
   EXPECT_EQ(Count("repeated_field_table_T_f"), 4);
+  // "x" has no side table: the removal fails after BEGIN and after the scalar update.
+  log_.Clear();
+  EXPECT_EQ(api_.UpdateRecord(3, {{"a", Int(5)}}, {{"x", {kInteger, {Int(1)}}}}), -1);
+  EXPECT_TRUE(
+      log_.Contains("ERROR! sqlite3_exec: err_msg='no such table: repeated_field_table_T_x'"));
+  EXPECT_EQ(api_.EndTransaction(), 0);  // it was still open
+  EXPECT_THAT(db_test::RawDb(dir_.File("db.sqlite")).Query("SELECT a FROM T WHERE ID=3;"),
+              ElementsAre(db_test::Row{"5"}));
 
   // ClearTable carries on after failures: the first delete fails on the
   // missing side table and leaves its transaction open, the next at BEGIN.
@@ -283,7 +278,7 @@ TEST_F(SqliteApiTest, DeleteRecordsAndClearTable) {
   EXPECT_EQ(Count("T"), 2);
 }
 
-TEST_F(SqliteApiTest, PrintDatabaseDumpsMainAndSideTables) {
+TEST_F(SqliteApiTest, PrintDatabaseAndConversionErrors) {
   CreateDefaultTable();
   ASSERT_EQ(api_.StoreRecord(1, {{"a", Int(1)}, {"b", Str("x")}}, {{"f", {kInteger, {Int(3)}}}}),
             0);
@@ -292,24 +287,22 @@ TEST_F(SqliteApiTest, PrintDatabaseDumpsMainAndSideTables) {
                                [](std::stringstream& text) { printed = text.str(); }),
             0);
   EXPECT_EQ(printed, "ID = 1\na = 1\nb = x\nc = NULL\nd = NULL\n\nID = 1\nID_T = 1\nf = 3\n\n");
-  EXPECT_EQ(api_.PrintDatabase({{"missing", {kInteger, {}}}}, nullptr), -1);
-  EXPECT_EQ(api_.Disconnect(), SQLITE_OK);
-  EXPECT_EQ(api_.handle(), nullptr) << "closed, so that closing again does nothing";
-}
 
-TEST_F(SqliteApiTest, ConversionErrorReachesTheCallerAndLeavesNoTransaction) {
-  CreateDefaultTable();
+  // A conversion error reaches the caller and leaves no transaction open.
   db_test::RawDb(dir_.File("db.sqlite"))
       .Query(
-          "INSERT INTO T (ID, a) VALUES (1, 'abc'), (2, 3);"
-          "INSERT INTO repeated_field_table_T_f (ID_T, f) VALUES (2, 'abc'), (2, 'def');");
+          "INSERT INTO T (ID, a) VALUES (2, 'abc'), (3, 3);"
+          "INSERT INTO repeated_field_table_T_f (ID_T, f) VALUES (3, 'abc'), (3, 'def');");
   ScalarFields scalar = Schema();
   CompositeFields composite = CompositeSchema();
   log_.Clear();
-  EXPECT_THROW(api_.RetrieveRecord(1, &scalar, &composite), std::invalid_argument);
   EXPECT_THROW(api_.RetrieveRecord(2, &scalar, &composite), std::invalid_argument);
+  EXPECT_THROW(api_.RetrieveRecord(3, &scalar, &composite), std::invalid_argument);
   EXPECT_EQ(api_.BeginTransaction(), 0);
   EXPECT_THAT(log_.Lines(), IsEmpty()) << "the rows after the failing one are skipped quietly";
+  EXPECT_EQ(api_.PrintDatabase({{"missing", {kInteger, {}}}}, nullptr), -1);
+  EXPECT_EQ(api_.Disconnect(), SQLITE_OK);
+  EXPECT_EQ(api_.handle(), nullptr) << "closed, so that closing again does nothing";
 }
 
 // The stored text of the owner index of side table repeated_field_table_T_F.
@@ -338,6 +331,9 @@ TEST_F(SqliteApiTest, TablesAndStoredValues) {
   int synchronous = -1;
   ASSERT_EQ(api_.ExecuteQuery("PRAGMA synchronous;", CallbackSize, &synchronous), 0);
   EXPECT_EQ(synchronous, 1);  // NORMAL
+  std::vector<uint32_t> ids;
+  ASSERT_EQ(api_.ExecuteQuery("SELECT NULL UNION ALL SELECT 7;", CallbackSelectMultiple, &ids), 0);
+  EXPECT_THAT(ids, ElementsAre(7u));
 
   const ScalarFields record = {{"a", Int(-5)},
                                {"b", Str("O'Brien")},
