@@ -4,7 +4,6 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 
 #include "db/db_object.h"
 #include "support/leveldb_util.h"
+#include "support/sqlite_util.h"
 #include "support/test_util.h"
 #include "zlog.h"
 
@@ -138,9 +138,8 @@ class Probe {
     close(fds[1]);
     // One kill in eight during start-up (recovery), the others while writing.
     const bool early = rng_() % 8 == 0;
-    const char* max_ms = getenv("DB_INTF_CRASH_MAX_MS");
-    const int range_ms = early ? 20 : max_ms ? atoi(max_ms) : kind_ == "leveldb" ? 40 : 300;
-    const auto delay = std::chrono::microseconds(rng_() % (1000 * std::max(range_ms, 1)));
+    const int range_ms = early ? 20 : kind_ == "leveldb" ? 40 : 300;
+    const auto delay = std::chrono::microseconds(rng_() % (1000 * range_ms));
     Clock::time_point deadline = Clock::now() + (early ? delay : std::chrono::seconds(30));
     std::string text;
     bool ready = early, eof = false;
@@ -249,17 +248,10 @@ class Probe {
         orphans += at != std::string::npos && at > 0 && all.count(entry.first.substr(at + 1)) == 0;
       }
     } else {
-      sqlite3* db = nullptr;
-      sqlite3_open(path_.c_str(), &db);
-      for (const char* field : {"vals", "tags"}) {
-        const std::string query = std::string("SELECT COUNT(*) FROM repeated_field_table_crash_") +
-                                  field + " WHERE ID_crash NOT IN (SELECT ID FROM crash);";
-        auto add = [](void* sum, int, char** v, char**) {
-          return *static_cast<int*>(sum) += atoi(v[0]), 0;
-        };
-        sqlite3_exec(db, query.c_str(), add, &orphans, nullptr);
-      }
-      sqlite3_close(db);
+      orphans = std::stoi(*RawDb(path_).Query(
+          "SELECT COUNT(*) FROM (SELECT ID_crash FROM repeated_field_table_crash_vals UNION ALL "
+          "SELECT ID_crash FROM repeated_field_table_crash_tags) "
+          "WHERE ID_crash NOT IN (SELECT ID FROM crash);")[0][0]);
     }
     EXPECT_EQ(orphans, 0) << kind_ << ": repeated values without their record";
   }
