@@ -132,7 +132,6 @@ TEST_F(LeveldbApiTest, RefusedRecordOperationsAndRecordsWithoutElements) {
   EXPECT_EQ(api->StoreRecord(1, Schema(), {{"other", {kInteger, {Val(1)}}}}), -1);
   EXPECT_EQ(api->CreateTable(Schema(), {}), -1);
   EXPECT_TRUE(log_.Contains("ERROR: Table='T' already exists"));
-  // Repeated fields without elements.
   ASSERT_EQ(api->StoreRecord(1, Schema(), Vlans({Val(10), Val(20)})), 0);
   ASSERT_EQ(api->StoreRecord(2, Schema(), {}), 0);
   ASSERT_EQ(api->UpdateRecord(1, Schema(-1, "new"), Vlans()), 0);  // Keeps the stored elements.
