@@ -507,7 +507,7 @@ TEST_F(LeveldbQueryTest, DeletionsLeaveStoreAndIndexInStep) {
   EXPECT_TRUE(api->index()->index_entries().empty());
 }
 
-TEST_F(LeveldbQueryTest, IndexSchemaRecord) {
+TEST_F(LeveldbQueryTest, IndexSchemaRecordAndReload) {
   auto api = Created();
   EXPECT_EQ(api->AddTableIndex("i", {}), -1);
   EXPECT_EQ(api->AddTableIndex("i", {"a", "tags"}), -1);  // Repeated fields cannot be indexed.
@@ -530,22 +530,20 @@ TEST_F(LeveldbQueryTest, IndexSchemaRecord) {
   Names fields = {"stale"};  // Commas and blanks separate names; empty ones vanish.
   index.RecoverIndexSchema(" a ,,my field,", fields);
   EXPECT_EQ(fields, (Names{"a", "my", "field"}));
-}
 
-TEST_F(LeveldbQueryTest, ReloadIndexesTheSetFieldsOfDecodableRecordsOfTheTable) {
-  auto api = Created();
+  // Reloading indexes the set fields of the decodable records of the table.
   ASSERT_EQ(api->StoreRecord(1, Record(10, "a"), {}), 0);
   ASSERT_EQ(api->StoreRecord(2, Record(10), {}), 0);
   ASSERT_EQ(api->StoreRecord(5, Record(20, "b"), {}), 0);
   PutRaw(path_, "T:4", "x,1");
   PutRaw(path_, "T:other:6", "3,0,2,2,,ab,10");
   PutRaw(path_, "schema:T:idx", "a,b");
-  LevelDbIndex index("T", path_);
-  EXPECT_FALSE(index.is_created());
+  LevelDbIndex reloaded("T", path_);
+  EXPECT_FALSE(reloaded.is_created());
   EXPECT_EQ(
-      index.index_entries(),
+      reloaded.index_entries(),
       (LevelDbIndex::IndexEntries{{"a:10", {1, 2}}, {"a:20", {5}}, {"b:a", {1}}, {"b:b", {5}}}));
-  EXPECT_EQ(index.id_entries().at(2), std::set<std::string>{"a:10"});
+  EXPECT_EQ(reloaded.id_entries().at(2), std::set<std::string>{"a:10"});
 
   PutRaw(path_, "schema:U:idx", "a");  // But no table schema record.
   LevelDbIndex orphan("U", path_);

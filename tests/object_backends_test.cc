@@ -130,7 +130,7 @@ TEST_P(BackendTest, EveryTypeRoundTripsAndUpdates) {
   ASSERT_EQ(object->RetrieveObject(Store(object.get(), empty), &scalar, &composite), 0);
   EXPECT_EQ(scalar.at("label"), is_leveldb() ? Attribute(db::kString) : Val(std::string()));
 
-  const Rec changed{100, 9, "changed 'it'", -4.0f, {0x00, 0x09}, {30, 31, 32}};
+  const Rec changed{41, 9, "dumped", -4.0f, {0x00, 0x09}, {7, 31, 32}};
   SetRecord(object.get(), changed);
   ASSERT_EQ(object->UpdateObject(1), 0);
   EXPECT_EQ(Size(*object), 4);
@@ -142,9 +142,9 @@ TEST_P(BackendTest, EveryTypeRoundTripsAndUpdates) {
   EXPECT_EQ(object->PrintDatabase([](std::stringstream& out) { dumped += out.str(); }),
             is_leveldb() ? -2 : 0);
   EXPECT_THAT(dumped, is_leveldb() ? testing::Matcher<std::string>("")
-                                   : testing::AllOf(HasSubstr("ID = 1\n"), HasSubstr("num = 100\n"),
-                                                    HasSubstr("label = changed 'it'\n"),
-                                                    HasSubstr("ports = 30\n")));
+                                   : testing::AllOf(HasSubstr("ID = 1\n"), HasSubstr("num = 41\n"),
+                                                    HasSubstr("label = dumped\n"),
+                                                    HasSubstr("ports = 7\n")));
 }
 
 // A reused id carries none of the old record's repeated elements.
