@@ -318,7 +318,7 @@ TEST_F(LevelDbTableTest, Validation) {
   EXPECT_EQ(log_.Count("ERROR: Invalid composite schema, table='T'"), 2);
 }
 
-TEST_F(LevelDbTableTest, DeletionBatchUsesTheFirstScalarKeyAndTheCurrentCompositeKey) {
+TEST_F(LevelDbTableTest, DeletionBatchKeysAndClosedDatabase) {
   Connect();
   LevelDbTable table("ports", path_);
   ASSERT_TRUE(table.CreateSchema({{"a", Attribute(kInteger)}}, {}).ok());
@@ -335,25 +335,25 @@ TEST_F(LevelDbTableTest, DeletionBatchUsesTheFirstScalarKeyAndTheCurrentComposit
   table.ClearSchema();
   EXPECT_FALSE(table.is_created());
   EXPECT_TRUE(table.scalar_schema().empty());
-}
 
-TEST_F(LevelDbTableTest, ClosedDatabaseAnswersDisconnected) {
-  Connect();
-  LevelDbTable table("t", path_);
-  ASSERT_TRUE(table.CreateSchema({{"a", Attribute(kInteger)}}, {{"v", {kString, {}}}}).ok());
+  // A closed database answers disconnected.
+  LevelDbTable closed("t", path_);
+  ASSERT_TRUE(closed.CreateSchema({{"a", Attribute(kInteger)}}, {{"v", {kString, {}}}}).ok());
   Disconnect();
-  leveldb::WriteBatch batch;
+  batch.Clear();
   batch.Put("t:1", "1,0,");
   for (const leveldb::Status& status :
-       {table.CreateSchema({{"b", Attribute(kString)}}, {}), table.AppendColumn(batch, "c", kFloat),
-        table.AppendComposite("x", {kInteger, {}}), table.RetrieveScalarSchema(),
-        table.RetrieveCompositeSchema()}) {
+       {closed.CreateSchema({{"b", Attribute(kString)}}, {}),
+        closed.AppendColumn(batch, "c", kFloat), closed.AppendComposite("x", {kInteger, {}}),
+        closed.RetrieveScalarSchema(), closed.RetrieveCompositeSchema()}) {
     EXPECT_TRUE(status.IsIOError());
     EXPECT_EQ(status.ToString(), "IO error: Disconnected");
   }
-  EXPECT_EQ(table.scalar_schema(), (ScalarFields{{"a", Attribute(kInteger)}}));
-  EXPECT_EQ(table.composite_schema(), (CompositeFields{{"v", {kString, {}}}}));
-  EXPECT_EQ(Dump(path_), (KeyValues{{"schema:t", "a:0,"}, {"schema:repeated:t", "v:1,"}}));
+  EXPECT_EQ(closed.scalar_schema(), (ScalarFields{{"a", Attribute(kInteger)}}));
+  EXPECT_EQ(closed.composite_schema(), (CompositeFields{{"v", {kString, {}}}}));
+  EXPECT_EQ(Dump(path_), (KeyValues{{"schema:repeated:ports", ""},
+                                    {"schema:t", "a:0,"},
+                                    {"schema:repeated:t", "v:1,"}}));
   EXPECT_FALSE(LevelDbTable("t", path_).is_created());  // Built while disconnected: loads nothing.
 }
 
