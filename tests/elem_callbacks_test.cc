@@ -143,6 +143,7 @@ TEST_P(ElemCallbacksTest, CommandTextsRecordAndSizeOutputsAndErrorTexts) {
       {"Retrieve Record T 0", "\nERROR! Invalid id=0\n"},
       {"Retrieve Record T 2147483647", "\nERROR! Entry not found.\n"},
       {"Dump T", "Usage: Dump T <id>\n"},
+      {"Retrieve Record T", "Usage: Retrieve Record T <id>\n"},
       {"Retrieve Records T", "Usage: Retrieve Records T <id>\n"}};
   for (const auto& [line, expected] : cases) EXPECT_EQ(expected, Run(line)) << line;
   EXPECT_EQ("Dump: 2 variable arguments\n", Run("Dump T", true));
