@@ -157,6 +157,7 @@ TEST_P(ElemCallbacksTest, DumpSelectsByStartAndCount) {
   ASSERT_EQ(0, object_->DeleteSingleObject(6));
   // Ranges beyond 4096 ids scan the stored ids instead of probing each.
   const std::pair<const char*, const char*> cases[] = {{"Dump T all", "1 2 3 4 5 7 10000"},
+                                                       {"Dump T 5 all", "1 2 3 4 5 7 10000"},
                                                        {"Dump T * 3", "1 2 3"},
                                                        {"Dump T * 2", "1 2"},
                                                        {"Dump T 5 3", "5 7"},
