@@ -8,9 +8,8 @@ using db_test::RunCommand;
 
 // What a recording callback saw.
 struct Seen {
-  int calls = 0;
+  int calls = 0, web = -1;
   std::vector<std::string> args;
-  int web = -1;
 };
 
 int Record(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
@@ -49,9 +48,7 @@ TEST_F(ElemCmdTest, LongestMatchingCommandRunsWithTheRemainingWords) {
                {"Show \"open quote", &show, {"open quote"}}};
   for (const auto& c : cases) {
     const int calls = c.expected->calls;
-    int rc = -2;
-    RunCommand(group_, c.line, false, &rc);
-    EXPECT_EQ(0, rc) << c.line;
+    EXPECT_EQ(0, ElemCmdExecute(group_, c.line, stdout)) << c.line;
     EXPECT_EQ(calls + 1, c.expected->calls) << c.line;
     EXPECT_EQ(c.args, c.expected->args) << c.line;
   }
@@ -73,9 +70,8 @@ TEST_F(ElemCmdTest, LongestMatchingCommandRunsWithTheRemainingWords) {
 TEST_F(ElemCmdTest, RegistrationRefusesDuplicatesAndMissingParts) {
   ASSERT_EQ(0,
             ElemCmdRegisterCommand(group_, "Get  Size", nullptr, nullptr, 3, 7, Record, nullptr));
-  for (const char* command : {"Get Size", "  ", static_cast<const char*>(nullptr)}) {
+  for (const char* command : {"Get Size", "  ", static_cast<const char*>(nullptr)})
     EXPECT_EQ(-1, Register(command, Record));
-  }
   EXPECT_EQ(-1, Register("X", nullptr));
   EXPECT_EQ(-1, ElemCmdRegisterCommand(nullptr, "X", "", "", 0, 0, Record, nullptr));
   ASSERT_EQ(1u, ElemCmdCommandCount(group_));

@@ -54,54 +54,64 @@ TEST(ElemParserTest, EveryConversionReadsBackWhatItsRenderingShows) {
 }
 
 TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
-  auto ok = [](int format, AttributeType type, const char* text, const Attribute& want) {
+  // An error is matched after "src/lib/elem_parser.cc:<line>:".
+  const struct {
+    int format;
+    AttributeType type;
+    const char* text;
+    Attribute want;
+    std::string err = "";
+  } cases[] = {
+      {kHex, kString, "0a9bFf", Str({0x0a, 0x9b, 0xff})},
+      {kHex, kInteger, "0xFFFFFFFF", V(-1)},
+      {kIpPrefixLen, kBytes, "10.0.0.0/12", V(Bytes{10, 0, 0, 0, 255, 240, 0, 0})},
+      {kIpPrefixLen, kBytes, "2001:db8::/64@02:00:00:00:00:01",
+       V(Bytes{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xfe, 0, 0, 1, 64})},
+      {kIpPrefixLen, kBytes, "fe80::1/128",
+       V(Bytes{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 128})},
+      {kMac, kString, "AA:bb:cc:dd:ee:ff", V(std::string("AA:bb:cc:dd:ee:ff"))},
+      {kUnsigned, kInteger, "-2147483648", V(INT32_MIN)},  // wraps like stoul on the board
+      {kUnsigned, kString, "4294967295", V(std::string("4294967295"))},
+      {kDefault, kString, "a b", V(std::string("a b"))},
+      {kDefault, kInteger, "(unset)", Attribute(kInteger)},
+      {kDefault, kInteger, "(invalid)", Attribute(kInteger)},
+      {kDefault, kInteger, "abc", Attribute(),
+       "FromDefault(): ERROR! Exception 'stoi' caught. value 'abc' \n"},
+      {kDefault, kFloat, "x", Attribute(),
+       "FromDefault(): ERROR! Exception 'stof' caught. value 'x' \n"},
+      {kHex, kBytes, "0xABC", Attribute(),
+       "FromHex(): ERROR! Exception 'ParseHexString' caught. value '0xABC' \n"},
+      {kHex, kBytes, "0xAG", Attribute(),
+       "FromHex(): ERROR! Exception 'ParseHexString' caught. value '0xAG' \n"},
+      {kIpPrefixLen, kBytes, "10.0.0.0/0024", Attribute(),
+       "FromIpAddrPrefix(): ERROR! Exception 'prefix length' caught. value '10.0.0.0/0024' is not "
+       "an IP\n"},
+      {kIpPrefixLen, kBytes, "10.0.0.0/0:", Attribute(),
+       "FromIpAddrPrefix(): ERROR! Exception 'prefix length' caught. value '10.0.0.0/0:' is not "
+       "an IP\n"},
+      {kHex, kFloat, "0x1", Attribute(), "FromHex(): ERROR! Invalid attr 2\n"},
+      {kIpAddress, kInteger, "10.0.0.1", Attribute(), "FromIp(): ERROR! Invalid attr 0\n"},
+      {kIpPrefixLen, kFloat, "10.0.0.0/8", Attribute(),
+       "FromIpAddrPrefix(): ERROR! Invalid attr 2\n"},
+      {kMac, kInteger, "aa:bb:cc:dd:ee:ff", Attribute(), "FromMac(): ERROR! Invalid attr 0\n"},
+      {kLimId, kFloat, "eth 1/3", Attribute(), "FromLimId(): ERROR! Invalid attr 2\n"},
+      {kIpAddress, kBytes, "1.2.3", Attribute(),
+       "FromIp(): ERROR! Exception 'IpTextToBin' caught. value '1.2.3' is not an IP\n"},
+      {kIpPrefixLen, kBytes, "2001:db8::/96@02:00:00:00:00:01", Attribute(),
+       "FromIpAddrPrefix(): ERROR! Exception 'Invalid IPv6 prefix for EUI-64' caught. value '*"},
+      {kMac, kBytes, "aa:bb", Attribute(),
+       "FromMac(): ERROR! Exception '*' caught for value 'aa:bb'\n"},
+      {kLimId, kBytes, "nope", Attribute(),
+       "FromLimId(): ERROR! Exception 'limid_from_intfname' caught for value 'nope'\n"},
+      {kUnsigned, kInteger, "4294967296", Attribute(),
+       "FromUnsigned(): ERROR! Exception 'stoul' caught. value '4294967296' \n"}};
+  for (const auto& c : cases) {
     Attribute parsed;
-    EXPECT_EQ("", Parse(type, text, format, &parsed)) << text;
-    EXPECT_TRUE(parsed == want) << text << " gave " << parsed.ToPrintableString();
-  };
-  // `err` is matched after "src/lib/elem_parser.cc:<line>:".
-  auto fails = [](int format, AttributeType type, const char* text, const std::string& err) {
-    Attribute parsed;
-    const std::string got = Parse(type, text, format, &parsed);
-    EXPECT_EQ(0, fnmatch(("src/lib/elem_parser.cc:*:" + err).c_str(), got.c_str(), 0)) << got;
-  };
-  ok(kHex, kString, "0a0bFf", Str({0x0a, 0x0b, 0xff}));
-  ok(kHex, kInteger, "0xFFFFFFFF", V(-1));
-  ok(kIpPrefixLen, kBytes, "10.0.0.0/12", V(Bytes{10, 0, 0, 0, 255, 240, 0, 0}));
-  ok(kIpPrefixLen, kBytes, "2001:db8::/64@02:00:00:00:00:01",
-     V(Bytes{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xfe, 0, 0, 1, 64}));
-  ok(kIpPrefixLen, kBytes, "fe80::1/128",
-     V(Bytes{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 128}));
-  ok(kMac, kString, "AA:bb:cc:dd:ee:ff", V(std::string("AA:bb:cc:dd:ee:ff")));
-  ok(kUnsigned, kInteger, "4294967295", V(-1));
-  ok(kUnsigned, kString, "4294967295", V(std::string("4294967295")));
-  ok(kDefault, kString, "a b", V(std::string("a b")));
-  ok(kDefault, kInteger, "(unset)", Attribute(kInteger));
-  ok(kDefault, kInteger, "(invalid)", Attribute(kInteger));
-  fails(kDefault, kInteger, "abc", "FromDefault(): ERROR! Exception 'stoi' caught. value 'abc' \n");
-  fails(kDefault, kFloat, "x", "FromDefault(): ERROR! Exception 'stof' caught. value 'x' \n");
-  fails(kHex, kBytes, "0xABC",
-        "FromHex(): ERROR! Exception 'ParseHexString' caught. value '0xABC' \n");
-  fails(kHex, kBytes, "0xAG",
-        "FromHex(): ERROR! Exception 'ParseHexString' caught. value '0xAG' \n");
-  fails(kIpPrefixLen, kBytes, "10.0.0.0/0024",
-        "FromIpAddrPrefix(): ERROR! Exception 'prefix length' caught. value '10.0.0.0/0024' is not "
-        "an "
-        "IP\n");
-  fails(kIpPrefixLen, kBytes, "10.0.0.0/0:",
-        "FromIpAddrPrefix(): ERROR! Exception 'prefix length' caught. value '10.0.0.0/0:' is not "
-        "an IP\n");
-  fails(kHex, kFloat, "0x1", "FromHex(): ERROR! Invalid attr 2\n");
-  fails(kIpAddress, kInteger, "10.0.0.1", "FromIp(): ERROR! Invalid attr 0\n");
-  fails(kIpAddress, kBytes, "1.2.3",
-        "FromIp(): ERROR! Exception 'IpTextToBin' caught. value '1.2.3' is not an IP\n");
-  fails(kIpPrefixLen, kBytes, "2001:db8::/96@02:00:00:00:00:01",
-        "FromIpAddrPrefix(): ERROR! Exception 'Invalid IPv6 prefix for EUI-64' caught. value '*");
-  fails(kMac, kBytes, "aa:bb", "FromMac(): ERROR! Exception '*' caught for value 'aa:bb'\n");
-  fails(kLimId, kBytes, "nope",
-        "FromLimId(): ERROR! Exception 'limid_from_intfname' caught for value 'nope'\n");
-  fails(kUnsigned, kInteger, "4294967296",
-        "FromUnsigned(): ERROR! Exception 'stoul' caught. value '4294967296' \n");
+    const std::string got = Parse(c.type, c.text, c.format, &parsed);
+    const std::string err = c.err.empty() ? "" : "src/lib/elem_parser.cc:*:" + c.err;
+    EXPECT_EQ(0, fnmatch(err.c_str(), got.c_str(), 0)) << c.text << ": " << got;
+    EXPECT_TRUE(!c.err.empty() || parsed == c.want) << c.text << ": " << parsed.ToPrintableString();
+  }
   // Formats 3, 4 and from 9 on are refused and leave the value as it was.
   for (int format : {3, 4, 9, 42}) {
     Attribute value = V(int32_t{5});

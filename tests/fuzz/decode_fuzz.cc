@@ -1,6 +1,5 @@
-// Stored LevelDB data (scalar and repeated values, schema records, index list,
-// record key; one input split at 0x1E bytes), decoded directly and read back
-// through the backend.
+// Stored LevelDB data (values, schema records, index list, record key; split at
+// 0x1E bytes), decoded directly and read back through the backend.
 
 #include <leveldb/db.h>
 #include <leveldb/write_batch.h>

@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return g;
   }();
   const std::string line = db_fuzz::Split(data, size, '\0')[0];
-  // The filter parser's required endless loop (see elem_parser_fuzz.cc).
+  // The filter parser's required endless loop.
   if (db_shell::HasNamelessFilterGroup(db_shell::SplitWords(line))) return 0;
   ElemCmdExecute(group, line.c_str(), db_fuzz::Sink());
   return 0;

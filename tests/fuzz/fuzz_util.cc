@@ -32,12 +32,8 @@ FILE* Sink() {
 
 std::vector<std::string> Split(const uint8_t* data, size_t size, char separator) {
   std::vector<std::string> parts(1);
-  for (size_t i = 0; i < size; ++i) {
-    if (static_cast<char>(data[i]) == separator)
-      parts.emplace_back();
-    else
-      parts.back().push_back(static_cast<char>(data[i]));
-  }
+  for (const char c : std::string(reinterpret_cast<const char*>(data), size))
+    c == separator ? (void)parts.emplace_back() : parts.back().push_back(c);
   return parts;
 }
 
@@ -61,22 +57,16 @@ std::unique_ptr<db::DbObject> PopulatedTable(db::DbType type, const std::string&
   object->AppendCompositeAttribute("tags", db::Attribute(db::kString), db::kDefault);
   if (type == db::kLevelDb) object->DeclareTableIndex("by_num", {"num", "name"});
   object->CreateObjTables();
+  using Bytes = std::vector<uint8_t>;
   for (uint8_t i = 1; i <= 5; ++i) {
-    using Bytes = std::vector<uint8_t>;
     object->ClearObject();
     db::ScalarFields& s = object->scalar_fields();
-    s["num"] = i * 10;
-    s["hex"] = 0xA0 + i;
-    s["uns"] = -int32_t{i};
-    s["name"] = "port " + std::to_string(i);
-    s["ratio"] = static_cast<float>(i) / 2;
-    s["ip"] = Bytes{10, 0, 0, i};
+    s["num"] = i * 10, s["hex"] = 0xA0 + i, s["uns"] = -int32_t{i};
+    s["name"] = "port " + std::to_string(i), s["ratio"] = static_cast<float>(i) / 2;
+    s["ip"] = Bytes{10, 0, 0, i}, s["pfx"] = Bytes{10, 0, i, 0, 255, 255, 255, 0};
     s["alt"] = Bytes{0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, i};
-    s["pfx"] = Bytes{10, 0, i, 0, 255, 255, 255, 0};
-    s["mac"] = Bytes{2, 0, 0x5e, 0, 0, i};
-    s["smac"] = "aa:bb:cc:dd:ee:0" + std::to_string(i);
-    s["lim"] = Bytes{1, 1, 0, i};
-    s["raw"] = Bytes{0, 0xFF, i};
+    s["mac"] = Bytes{2, 0, 0x5e, 0, 0, i}, s["smac"] = "aa:bb:cc:dd:ee:0" + std::to_string(i);
+    s["lim"] = Bytes{1, 1, 0, i}, s["raw"] = Bytes{0, 0xFF, i};
     object->composite_fields()["vlans"].second = {db_test::Int(i), db_test::Int(100 + i)};
     object->composite_fields()["tags"].second = {db_test::Val("t" + std::to_string(i))};
     uint32_t id = 0;
@@ -86,9 +76,7 @@ std::unique_ptr<db::DbObject> PopulatedTable(db::DbType type, const std::string&
 }
 
 void Require(bool ok, const char* what) {
-  if (ok) return;
-  fprintf(stderr, "property broken: %s\n", what);
-  abort();
+  if (!ok) fprintf(stderr, "property broken: %s\n", what), abort();
 }
 
 }  // namespace db_fuzz

@@ -13,8 +13,8 @@
 
 namespace db_fuzz {
 
-// Starts the library once, its log going to /dev/null; returns a scratch
-// directory removed at exit.
+// Starts the library once, its log going to Sink(); a scratch directory
+// removed at exit.
 const std::string& Scratch();
 FILE* Sink();  // /dev/null
 // `data` split at every `separator` byte (an empty input gives one empty part).
@@ -23,7 +23,7 @@ std::vector<std::string> Split(const uint8_t* data, size_t size, char separator)
 // fields (LevelDB: an index on two fields) and five records.
 std::unique_ptr<db::DbObject> PopulatedTable(db::DbType type, const std::string& path,
                                              const std::string& table);
-// Aborts with `what` when `ok` is false: a broken property is a finding.
+// Aborts with `what` unless `ok`: a broken property is a finding.
 void Require(bool ok, const char* what);
 
 // Runs `fn`, ending quietly on the conversion errors (std::stoi, std::stoul,

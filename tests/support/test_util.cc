@@ -20,10 +20,8 @@ namespace db_test {
 
 TempDir::TempDir() {
   const char* base = getenv("TMPDIR");
-  std::string pattern =
-      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/db-intf-test-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = pattern;
+  path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/db-intf-test-XXXXXX";
+  if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
 }
 
 TempDir::~TempDir() {
@@ -38,59 +36,49 @@ LogCapture::LogCapture() : file_(tmpfile()) {
 
 LogCapture::~LogCapture() {
   zlog_set_output(nullptr);
-  if (file_ != nullptr) fclose(file_);
+  fclose(file_);
 }
 
 std::vector<std::string> LogCapture::Lines() const {
-  std::vector<std::string> lines;
-  if (file_ == nullptr) return lines;
-  fflush(file_);
-  long end = ftell(file_);
   rewind(file_);
-  std::string text(static_cast<size_t>(end), '\0');
-  size_t got = fread(text.data(), 1, text.size(), file_);
-  text.resize(got);
+  std::vector<std::string> lines;
+  char* line = nullptr;
+  size_t capacity = 0;
+  for (ssize_t n; (n = getline(&line, &capacity, file_)) > 0;)
+    lines.emplace_back(line, n - (line[n - 1] == '\n' ? 1 : 0));
+  free(line);
   fseek(file_, 0, SEEK_END);
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
 }
 
-bool LogCapture::Contains(const std::string& text) const { return Count(text) > 0; }
-
 int LogCapture::Count(const std::string& text) const {
-  int n = 0;
-  for (const auto& line : Lines()) n += line.find(text) != std::string::npos ? 1 : 0;
-  return n;
+  const auto lines = Lines();
+  return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+    return line.find(text) != line.npos;
+  }));
 }
 
 void LogCapture::Clear() {
-  if (file_ == nullptr) return;
   fclose(file_);
-  file_ = tmpfile();
-  zlog_set_output(file_);
+  zlog_set_output(file_ = tmpfile());
 }
 
 void InitLibrary() {
-  static qelmw_t* mw = [] {
-    qelmw_t* handle = qelmw_create("db-intf-test");
-    db::Init(handle);
-    return handle;
-  }();
-  (void)mw;
+  static qelmw_t* mw = qelmw_create("db-intf-test");
+  static const bool done = (db::Init(mw), true);
+  (void)done;
 }
 
 std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream out;
-  out << in.rdbuf();
+  out << std::ifstream(path, std::ios::binary).rdbuf();
   return out.str();
 }
 
 std::vector<std::string> ProgramCommand(const std::string& program) {
-  std::vector<std::string> argv;
   const char* emulator = getenv("DB_INTF_TEST_EMULATOR");
   std::istringstream words(emulator != nullptr ? emulator : "");
+  std::vector<std::string> argv;
   for (std::string word; words >> word;) argv.push_back(word);
   argv.push_back(program);
   return argv;
@@ -98,18 +86,15 @@ std::vector<std::string> ProgramCommand(const std::string& program) {
 
 namespace {
 
-pid_t Start(const std::vector<std::string>& argv, int in_fd, int out_fd, int err_fd) {
-  std::vector<std::string> args = argv;
-  std::vector<char*> pointers;
-  for (std::string& arg : args) pointers.push_back(arg.data());
-  pointers.push_back(nullptr);
+pid_t Start(std::vector<std::string> args, int in_fd, int out_fd, int err_fd) {
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(arg.data());
+  argv.push_back(nullptr);
   const pid_t pid = fork();
   if (pid != 0) return pid;
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives the test, even one that dies
-  dup2(in_fd, 0);
-  dup2(out_fd, 1);
-  dup2(err_fd, 2);
-  execvp(pointers[0], pointers.data());
+  dup2(in_fd, 0), dup2(out_fd, 1), dup2(err_fd, 2);
+  execvp(argv[0], argv.data());
   _exit(127);
 }
 
@@ -158,9 +143,8 @@ std::string RunCommand(ELEM_CMD_GROUP_ST* group, const std::string& line, bool w
 
 std::set<uint32_t> FreeIds() {
   std::set<uint32_t> ids;
-  for (const auto& [first, last] : db::IdGenerator::GetInstance().free_ranges()) {
+  for (const auto& [first, last] : db::IdGenerator::GetInstance().free_ranges())
     for (uint64_t id = first; id <= last; ++id) ids.insert(static_cast<uint32_t>(id));
-  }
   return ids;
 }
 
