@@ -95,6 +95,7 @@ class MessageStoreTest : public ::testing::TestWithParam<db::DbType> {
   std::unique_ptr<DbMessageObject> Open(bool extras = false) {
     auto object = std::make_unique<DbMessageObject>(dir_.File("msgs"), "msgs", false, GetParam(),
                                                     AllTypes::descriptor());
+    EXPECT_EQ(0, log_.Count("db_message_object.cc")) << "every field found";
     if (extras) {
       EXPECT_EQ(0, object->AppendScalarAttribute("vlan", Attribute(db::kInteger), db::kDefault));
       EXPECT_EQ(0, object->AppendCompositeAttribute("tags", Attribute(db::kString), db::kDefault));
