@@ -106,6 +106,7 @@ TEST(SerializerTest, ScalarDecodingFailureEmptiesTheMapAndLogs) {
       {"2,2,1,ok,x",
        "ERROR: Failed to deserialize the scalar attribute='b', value='x', exception='stoi'"},
       {"2,9,3,ab", "ERROR: Failed to deserialize the scalar attribute='b', value=''"},
+      {",1,5", "ERROR: Failed to deserialize the scalar attribute='', value='', exception='stoi'"},
       {"2,1,10,x,2147483648",
        "ERROR: Failed to deserialize the scalar attribute='b', value='2147483648', "
        "exception='stoi'"}};
