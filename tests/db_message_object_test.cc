@@ -47,11 +47,7 @@ AllTypes Carried(AllTypes m) {
 
 TEST(MessageConversionTest, TextsByCppType) {
   db_test::LogCapture log;
-  const struct {
-    const char* field;
-    const char* text;
-    std::string shown;
-  } cases[] = {
+  const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
       {"i64", "-2147483648", "-2147483648"},
       {"u32", "-294967296", "4000000000"},  // a stored 32-bit pattern
       {"u32", "4294967295", "4294967295"},
@@ -64,11 +60,11 @@ TEST(MessageConversionTest, TextsByCppType) {
       {"payload", "\x01\xff", "\x01\xff"},
       {"nested", "NULL", "NULL"},  // not carried: stays unset
   };
-  for (const auto& c : cases) {
+  for (const auto& [field, text, shown] : cases) {
     AllTypes m;
-    EXPECT_EQ(0, DbMessageObject::SetScalarField(&m, Field(c.field), c.text)) << c.field;
-    EXPECT_EQ(c.shown, DbMessageObject::GetScalarValueAsString(&m, Field(c.field))) << c.field;
-    EXPECT_EQ(std::string(c.field) != "nested", m.GetReflection()->HasField(m, Field(c.field)));
+    EXPECT_EQ(0, DbMessageObject::SetScalarField(&m, Field(field), text)) << field;
+    EXPECT_EQ(shown, DbMessageObject::GetScalarValueAsString(&m, Field(field))) << field;
+    EXPECT_EQ(field != "nested", m.GetReflection()->HasField(m, Field(field)));
   }
   AllTypes m = Full();
   EXPECT_EQ("b c", DbMessageObject::GetCompositeValueAsString(&m, Field("names"), 1));
