@@ -26,13 +26,15 @@ std::string Join(std::string text, const std::vector<std::string>& names) {
   return text;
 }
 
-// An in-memory backend that logs every call but IsConnected and the table name
-// as text. The next call whose text begins with `fail_prefix` returns `fail_rc`,
-// once: a failing DeleteRecords or ClearTable has still removed every match,
-// any other failing call changes nothing. Filters compare set scalars only.
+// An in-memory backend holding `ids` (a = 1) that logs every call but IsConnected and the
+// table name. The next call whose text begins with `fail_prefix` returns `fail_rc`, once: a
+// failing DeleteRecords or ClearTable has still removed every match, any other failing call
+// changes nothing. Filters compare set scalars only.
 class FakeBackend : public db::DatabaseAPI {
  public:
-  using Record = std::pair<ScalarFields, CompositeFields>;
+  explicit FakeBackend(const std::vector<uint32_t>& ids) {
+    for (uint32_t id : ids) records[id] = {{{"a", Int(1)}}, {}};
+  }
   int CreateTable(const ScalarFields&, const CompositeFields&) override {
     return Call("CreateTable");
   }
@@ -49,7 +51,7 @@ class FakeBackend : public db::DatabaseAPI {
   int DestroyTable(const CompositeFields&) override { return Call("DestroyTable"); }
   int StoreRecord(uint32_t id, const ScalarFields& s, const CompositeFields& c) override {
     const int rc = Call("StoreRecord " + std::to_string(id));
-    if (rc == 0) records[id] = Record{s, c};
+    if (rc == 0) records[id] = {s, c};
     return rc;
   }
   int UpdateRecord(uint32_t id, const ScalarFields&, const CompositeFields&) override {
@@ -93,7 +95,7 @@ class FakeBackend : public db::DatabaseAPI {
   void SetTableName(const std::string& name) override { table_ = name; }
   const std::string& GetTableName() const override { return table_; }
 
-  std::map<uint32_t, Record> records;
+  std::map<uint32_t, std::pair<ScalarFields, CompositeFields>> records;
   mutable std::vector<std::string> calls;
   mutable int fail_rc = 0;
   std::string fail_prefix;
@@ -104,10 +106,9 @@ class FakeBackend : public db::DatabaseAPI {
     std::vector<uint32_t> ids;
     for (const auto& [id, record] : records) {
       bool match = true;
-      for (const auto& [name, want] : filter) {
-        match = match && (!want.is_set() ||
-                          (record.first.count(name) != 0 && record.first.at(name) == want));
-      }
+      for (const auto& [name, want] : filter)
+        match = match &&
+                (!want.is_set() || (record.first.count(name) && record.first.at(name) == want));
       if (match) ids.push_back(id);
     }
     return ids;
@@ -119,26 +120,19 @@ class FakeBackend : public db::DatabaseAPI {
   std::string table_ = "fake_table";
 };
 
-// A DbObject on a FakeBackend holding `records` (a = 1) from the start.
 class FakeObject : public db::DbObject {
  public:
-  explicit FakeObject(const std::string& db_name = "fake.db",
-                      const std::vector<uint32_t>& records = {})
-      : FakeObject(db_name, new FakeBackend, records) {}
+  explicit FakeObject(const std::string& db_name = "fake.db", const std::vector<uint32_t>& ids = {})
+      : FakeObject(new FakeBackend(ids), db_name) {}
   FakeBackend& backend() { return *backend_; }
-  void Fail(int rc, const std::string& prefix = "") {
+  void Fail(int rc, const std::string& prefix) {
     backend_->fail_rc = rc;
     backend_->fail_prefix = prefix;
   }
 
  private:
-  FakeObject(const std::string& db_name, FakeBackend* backend, const std::vector<uint32_t>& ids)
-      : db::DbObject(Seed(backend, ids), db_name), backend_(backend) {}
-  static std::unique_ptr<db::DatabaseAPI> Seed(FakeBackend* backend,
-                                               const std::vector<uint32_t>& ids) {
-    for (uint32_t id : ids) backend->records[id] = {{{"a", Int(1)}}, {}};
-    return std::unique_ptr<db::DatabaseAPI>(backend);
-  }
+  FakeObject(FakeBackend* backend, const std::string& db_name)
+      : db::DbObject(std::unique_ptr<db::DatabaseAPI>(backend), db_name), backend_(backend) {}
   FakeBackend* backend_;
 };
 
@@ -179,30 +173,20 @@ TEST(DbObjectConstructionTest, LogsStartAndCloseAndRefusesInvalidArguments) {
       {true, -1, "Invalid database type"}};
   for (const auto& [in_memory, type, message] : cases) {
     log.Clear();
-    try {
-      db::DbObject object(path, "t", in_memory, static_cast<db::DbType>(type));
-      ADD_FAILURE() << "no exception for type " << type;
-    } catch (const std::invalid_argument& e) {
-      EXPECT_EQ(e.what(), message);
-    }
+    auto open = [&, m = in_memory, t = static_cast<db::DbType>(type)] {
+      db::DbObject(path, "t", m, t);
+    };
+    EXPECT_THAT(open, testing::ThrowsMessage<std::invalid_argument>(message));
     EXPECT_THAT(log.Lines(),
                 ElementsAre(HasSubstr("Initializing db=" + path +
                                       ", table=t, in_memory=" + std::to_string(in_memory) +
                                       ", type=" + std::to_string(type))));
   }
   EXPECT_FALSE(std::filesystem::exists(path)) << "no LevelDB database may be opened";
-  log.Clear();
-  { db::DbObject object(dir.File("x.db"), "tbl", false, db::kSqlite); }
-  EXPECT_TRUE(log.Contains(" DbObject: Initializing db=" + dir.File("x.db") +
-                           ", table=tbl, in_memory=0, type=0"));
-  EXPECT_TRUE(log.Contains(" ~DbObject: closing db"));
-  EXPECT_EQ(log.Count("db_intf 10 src/lib/db_object.cc:"), 2) << "both at info level";
 }
 
-// Declarations reach the backend only once the tables were created (even when
-// that failed); indexes declared before are then replayed in name order, up
-// to the first failure. A second declaration of a name returns -3 and keeps
-// the first; repeated names are apart from scalar ones.
+// Declarations reach the backend once the tables were created (even when that failed), indexes
+// then in name order up to the first failure. Repeated names are apart from scalar ones.
 TEST(DbObjectDeclarationTest, ForwardingAndDuplicates) {
   FakeObject object;
   ASSERT_EQ(object.AppendScalarAttribute("f", Int(7), db::kHex), 0);
@@ -235,8 +219,7 @@ TEST(DbObjectDeclarationTest, ForwardingAndDuplicates) {
               ElementsAre("RetrieveRecords", "CreateTable", "AddScalarField z"));
 }
 
-// An id goes back when its record is gone from storage, whatever the result;
-// a failed store still tells the id it used.
+// An id goes back when its record is gone from storage, whatever the result.
 TEST_F(DbObjectTest, IdsGoBackForRecordsThatWent) {
   EXPECT_EQ(object_.StoreObject(nullptr), -1);
   EXPECT_EQ(Put(1), 1u) << "a null id consumes no id";
@@ -268,8 +251,7 @@ TEST_F(DbObjectTest, IdsGoBackForRecordsThatWent) {
   EXPECT_EQ(FreeIds(), (Ids{1, 2, 3, 4}));
 }
 
-// Repeated fields the record lacks read back as the schema's template; other
-// entries of the outputs are kept, and the object's own maps may be outputs.
+// Repeated fields the record lacks read back as the schema's template; other outputs are kept.
 TEST_F(DbObjectTest, RetrieveResetsRepeatedFieldsFromSchema) {
   ASSERT_EQ(object_.AppendCompositeAttribute("m", Attribute(db::kString), db::kDefault), 0);
   const uint32_t id = Put(3);
@@ -286,6 +268,7 @@ TEST_F(DbObjectTest, RetrieveResetsRepeatedFieldsFromSchema) {
   EXPECT_THAT(composite.at("other").second, ElementsAre(Int(1)));
   EXPECT_EQ(object_.composite_fields().at("m").second, composite.at("m").second);
   EXPECT_EQ(object_.RetrieveObject(id, &object_.scalar_fields(), &object_.composite_fields()), 0);
+  EXPECT_EQ(object_.RetrieveObject(id, nullptr, nullptr), 0);
   EXPECT_EQ(object_.RetrieveObject(99, &scalar, &composite), -4);
 }
 
@@ -298,15 +281,12 @@ TEST_F(DbObjectTest, DisconnectedOperationsReturnMinus2AfterResettingOutputs) {
   EXPECT_EQ(object_.composite_schema().count("r"), 1u);
   EXPECT_EQ(object_.AppendScalarAttribute("s", Int(1), db::kDefault), -3);
   std::vector<uint32_t> ids{1, 2};
-  EXPECT_EQ(object_.RetrieveObjects(&ids), -2);
-  EXPECT_TRUE(ids.empty());
   int size = 12;
-  EXPECT_EQ(object_.GetObjTableSize(&size), -2);
-  EXPECT_EQ(size, -1);
   ScalarFields scalar;
   CompositeFields composite;
   uint32_t id = 0;
   const std::vector<int> results = {
+      object_.RetrieveObjects(&ids),    object_.GetObjTableSize(&size),
       object_.StoreObject(&id),         object_.StoreObject(nullptr),
       object_.UpdateObject(1),          object_.RetrieveObject(1, &scalar, &composite),
       object_.TraverseObjects(nullptr), object_.DeleteSingleObject(1),
@@ -314,6 +294,7 @@ TEST_F(DbObjectTest, DisconnectedOperationsReturnMinus2AfterResettingOutputs) {
       object_.ClearObjTable(),          object_.DestroyObjTables(),
       object_.PrintDatabase(nullptr)};
   EXPECT_THAT(results, testing::Each(-2));
+  EXPECT_TRUE(ids.empty() && size == -1);
   // -1, not -2, is what resynchronisation has always reported.
   EXPECT_EQ(object_.ResynchronizeDb(false), -1);
   EXPECT_TRUE(backend().calls.empty());
@@ -334,13 +315,8 @@ bool Visit(uint32_t id, const ScalarFields& scalar, const CompositeFields& compo
 
 // Each row: a filter on a (0: none), the record failing to read (0: none), the
 // visits that stop the traversal, then the result and the ids visited.
-TEST_F(DbObjectTest, RetrievalAndTraversalFilterByCurrentRecordStopEarlyAndFail) {
+TEST_F(DbObjectTest, TraversalFiltersByCurrentRecordStopsEarlyAndFails) {
   for (int32_t a : {10, 20, 30}) Put(a);
-  object_.ClearObject();
-  object_.scalar_fields()["a"] = 20;
-  std::vector<uint32_t> ids{42};
-  ASSERT_EQ(object_.RetrieveObjects(&ids), 0);
-  EXPECT_THAT(ids, ElementsAre(2));
   const std::vector<std::tuple<int32_t, int, size_t, int, std::vector<uint32_t>>> cases = {
       {20, 0, SIZE_MAX, 0, {2}},
       {0, 0, SIZE_MAX, 0, {1, 2, 3}},
@@ -365,9 +341,8 @@ TEST_F(DbObjectTest, RetrievalAndTraversalFilterByCurrentRecordStopEarlyAndFail)
   EXPECT_EQ(object_.scalar_fields().at("a"), Int(30)) << "the last record visited is current";
 }
 
-// Only the first object of a database name resynchronises on construction; a
-// later database starts after what was handed out; stored ids below last_id
-// leave the free set; an empty or unreadable table returns 0 and clears the record.
+// Only the first object of a database name resynchronises on construction; stored ids below
+// last_id leave the free set; an empty or unreadable table returns 0 and clears the record.
 TEST(DbObjectResynchronizeTest, FirstObjectOfADatabaseAndIdsBelowLastId) {
   FakeObject first("shared.db", {2});
   EXPECT_THAT(first.backend().calls, ElementsAre("RetrieveRecords"));
@@ -384,7 +359,7 @@ TEST(DbObjectResynchronizeTest, FirstObjectOfADatabaseAndIdsBelowLastId) {
   FakeObject below("below.db", {4});
   EXPECT_EQ(FreeIds(), (Ids{2}));
   EXPECT_EQ(below.ResynchronizeDb(false), 5);
-  below.backend().records[6] = FakeBackend::Record{};  // equal to last_id: frees nothing
+  below.backend().records[6] = {};  // equal to last_id: frees nothing
   EXPECT_EQ(below.ResynchronizeDb(true), 5);
 
   FakeObject empty("empty.db");
@@ -395,15 +370,14 @@ TEST(DbObjectResynchronizeTest, FirstObjectOfADatabaseAndIdsBelowLastId) {
   EXPECT_EQ(empty.scalar_fields().at("a"), Attribute(db::kInteger));
   EXPECT_TRUE(empty.composite_fields().at("l").second.empty());
   db::IdGenerator::GetInstance().Reset();
-  empty.backend().records[7] = FakeBackend::Record{};
+  empty.backend().records[7] = {};
   empty.Fail(-1, "RetrieveRecords");
   EXPECT_EQ(empty.ResynchronizeDb(true), 0);
   EXPECT_EQ(db::IdGenerator::GetInstance().last_id(), 0u);
   EXPECT_EQ(empty.ResynchronizeDb(true), 7 - 6);
 }
 
-// Runs `script` on an allocator reset to `last_id` with no free ids: "+N" hands
-// out an id and expects N, "-N" gives N back.
+// On an allocator reset to `last_id`: "+N" hands out an id and expects N, "-N" gives N back.
 void RunScript(const std::string& script, uint32_t last_id = 0) {
   db::IdGenerator::GetInstance().Reset();
   db::IdGenerator::GetInstance().set_last_id(last_id);

@@ -23,9 +23,9 @@ TEST(LoggerTest, LinesCarryCategoryLevelSourceFunctionAndMessage) {
   DB_LOG_ERROR("ERROR: Db='%s' not connected, rc=%d", "x.db", -2);
   DB_LOG_INFO("closing db");
   const std::string path = dir.File("missing/t.db");
-  { db::DbObject object(path, "table1", false, db::kSqlite); }
+  { db::DbObject object(path, "tbl", false, db::kSqlite); }
   const std::vector<std::string> lines = capture.Lines();
-  ASSERT_GE(lines.size(), 4u);
+  ASSERT_EQ(lines.size(), 5u);
   EXPECT_EQ(lines[0], "db_intf 12 tests/logger_test.cc:" + std::to_string(line) +
                           " TestBody: ERROR: Db='x.db' not connected, rc=-2");
   EXPECT_EQ(lines[1], "db_intf 10 tests/logger_test.cc:" + std::to_string(line + 1) +
@@ -35,9 +35,11 @@ TEST(LoggerTest, LinesCarryCategoryLevelSourceFunctionAndMessage) {
     return std::regex_replace(s, std::regex(":[0-9]+ "), " ");
   };
   EXPECT_EQ(strip(lines[2]), "db_intf 10 src/lib/db_object.cc DbObject: Initializing db=" + path +
-                                 ", table=table1, in_memory=0, type=0");
+                                 ", table=tbl, in_memory=0, type=0");
   EXPECT_EQ(strip(lines[3]),
             "db_intf 12 src/lib/sqlite_api.cc Connect: ERROR! sqlite3_open: rc=14");
+  EXPECT_THAT(lines[4], testing::MatchesRegex(
+                            "db_intf 10 src/lib/db_object.cc:[0-9]+ ~DbObject: closing db"));
 }
 
 }  // namespace

@@ -76,36 +76,12 @@ TEST(SerializerTest, PutOnBatchKeys) {
                                   {field + ":T:8", lengths + ",600" + texts + "," + big}}));
 }
 
-TEST(SerializerTest, ScalarDecoding) {
-  ScalarFields record = {{"a", Val(-123)},
-                         {"b", Val("x,y,,z")},
-                         {"c", Val("")},
-                         {"d", Val(2.25f)},
-                         {"e", Val(Bytes{0x00, 0xff, ',', 0x00})}};
-  ScalarFields back;  // Typed, unset attributes.
-  for (const auto& [name, value] : record) back.emplace(name, Attribute(value.type()));
-  Serializer s;
-  std::string text;
-  s.SerializeScalar(text, record);
-  s.DeserializeScalar(text, back);
-  record["c"] = Attribute(kString);  // Set but empty reads back unset.
-  EXPECT_EQ(back, record);
-
-  ScalarFields f = {{"a", Attribute(kInteger)}, {"b", Val("old")}};
-  s.DeserializeScalar("1,3,12x", f);  // std::stoi stops at the first non-digit.
-  EXPECT_EQ(f["a"], Val(12));
-  EXPECT_EQ(f["b"], Val("old"));  // Fewer stored values: the rest untouched.
-  s.DeserializeScalar("", f);
-  EXPECT_EQ(f["a"], Val(12));
-  s.DeserializeScalar("1,0,", f);  // A zero length resets a set attribute.
-  EXPECT_FALSE(f["a"].is_set());
-}
-
 TEST(SerializerTest, ScalarDecodingFailureEmptiesTheMapAndLogs) {
   const Texts cases = {
       {"2,2,1,ok,x",
        "ERROR: Failed to deserialize the scalar attribute='b', value='x', exception='stoi'"},
       {"2,9,3,ab", "ERROR: Failed to deserialize the scalar attribute='b', value=''"},
+      {",1,5", "ERROR: Failed to deserialize the scalar attribute='', value='', exception='stoi'"},
       {"2,1,10,x,2147483648",
        "ERROR: Failed to deserialize the scalar attribute='b', value='2147483648', "
        "exception='stoi'"}};
@@ -119,18 +95,22 @@ TEST(SerializerTest, ScalarDecodingFailureEmptiesTheMapAndLogs) {
   }
 }
 
-TEST(SerializerTest, CompositeDecoding) {
+TEST(SerializerTest, Decoding) {
   Serializer s;
-  const Values strings = {Val("a,b"), Val(Bytes{0x00, 0xff})};
-  std::string stext, itext = "2,2,2,10,20", empty;
-  s.SerializeComposite(stext, strings);
-  std::pair<AttributeType, Values> ints{kInteger, {Val(99)}}, got_strings{kString, {}},
+  ScalarFields f = {{"a", Attribute(kInteger)}, {"b", Val("old")}};
+  s.DeserializeScalar("1,3,12x", f);  // std::stoi stops at the first non-digit.
+  EXPECT_EQ(f["a"], Val(12));
+  EXPECT_EQ(f["b"], Val("old"));  // Fewer stored values: the rest untouched.
+  s.DeserializeScalar("", f);
+  EXPECT_EQ(f["a"], Val(12));
+  s.DeserializeScalar("1,0,", f);  // A zero length resets a set attribute.
+  EXPECT_FALSE(f["a"].is_set());
+  std::string itext = "2,2,2,10,20", empty;
+  std::pair<AttributeType, Values> ints{kInteger, {Val(99)}},
       unknown{static_cast<AttributeType>(7), {Val(1)}};
   s.DeserializeComposite(itext, ints);
-  s.DeserializeComposite(stext, got_strings);
   s.DeserializeComposite(itext, unknown);
   EXPECT_EQ(ints.second, (Values{Val(10), Val(20)}));
-  EXPECT_EQ(got_strings.second, (Values{Val("a,b"), Val(std::string("\0\xff", 2))}));
   EXPECT_TRUE(unknown.second.empty());
   s.DeserializeComposite(empty, ints);  // Nothing stored: left as passed.
   EXPECT_EQ(ints.second, (Values{Val(10), Val(20)}));
