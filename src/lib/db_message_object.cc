@@ -429,8 +429,18 @@ int DbMessageObject::RetrieveMessageObjects(std::vector<uint32_t>* ids,
   CompositeFields set_composites;
   const int rc = ParseFromMessageSettedFields(filter, &set_scalars, &set_composites);
   if (rc != kOk) return rc;
-  // Every name comes from the field maps, and an unset value (a field not carried) matches all.
-  return RetrieveObjects(ids, set_scalars, set_composites);
+
+  ScalarFields scalar_filter;
+  for (const auto& [field_name, value] : set_scalars) {
+    if (scalar_field_map_.count(field_name) != 0 && value.is_set()) {
+      scalar_filter.emplace(field_name, value);
+    }
+  }
+  CompositeFields composite_filter;
+  for (const auto& [field_name, values] : set_composites) {
+    if (composite_field_map_.count(field_name) != 0) composite_filter.emplace(field_name, values);
+  }
+  return RetrieveObjects(ids, scalar_filter, composite_filter);
 }
 
 int DbMessageObject::RetrieveMixedObject(uint32_t id, Message* out, ScalarFields* scalar,
