@@ -22,8 +22,7 @@ using db::Attribute;
 using db::DbObject;
 using db_test::Val;
 
-// Runs db-shell with `args` and `input` on standard input, with a scratch
-// directory of its own as $TMPDIR, which must be empty again afterwards.
+// Runs db-shell on `input` with a $TMPDIR of its own, which must be empty again afterwards.
 db_test::ProgramRun RunShell(const std::vector<std::string>& args, const std::string& input = "") {
   db_test::TempDir tmp;
   std::vector<std::string> argv = {"env", "TMPDIR=" + tmp.path()};
@@ -159,8 +158,7 @@ TEST_P(DbShellTest, CommandsPrintWhatTheLibraryPrintsAndChangeNothing) {
 
 TEST_P(DbShellTest, ExitStatusAndStandardError) {
   WriteDatabase();
-  // Each row: -c commands, standard input, exit status, the command whose output
-  // is expected, a part of standard error.
+  // Row: -c commands, standard input, exit status, the command whose output shows, stderr part.
   using Case = std::tuple<std::vector<std::string>, const char*, int, const char*, const char*>;
   const std::string size = "Get Size ports";
   const Case cases[] = {
@@ -183,10 +181,8 @@ TEST_P(DbShellTest, ExitStatusAndStandardError) {
   }
 }
 
-// Exit 2 with one line on standard error, nothing created or touched. A file
-// written before the write-ahead log and the owner indexes (in the rollback
-// journal's mode, side table without index) is read as it is: the shell's
-// connection is read-only, whatever characters the path holds.
+// Exit 2 with one line on standard error, nothing created or touched. A file from before the
+// write-ahead log and owner indexes is read as it is, whatever characters its path holds.
 TEST(DbShellOpenTest, RefusedDatabasesAndArgumentsExitTwoAndOldFilesStayAsTheyAre) {
   if (std::string(DB_SHELL_PATH).empty()) GTEST_SKIP() << "db-shell is not built";
   db_test::TempDir dir;

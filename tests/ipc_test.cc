@@ -185,8 +185,10 @@ TEST_F(IpcTest, CallsWatchesTimeOutsAndRouterGone) {
   }
   // A message to an address that is gone is dropped; its sender goes on.
   EXPECT_EQ(ipc_send(w, peer, 1, "x", 1), 0);
-  EXPECT_EQ(ipc_send(w, ipc_self(w), 2, "", 0), 0);
+  EXPECT_EQ(ipc_send(w, ipc_self(w), 3, "", 0) + ipc_send(w, ipc_self(w), 2, "", 0), 0);
   EXPECT_TRUE(Receive(w, 5000, {2}) && !Receive(w, 0, {1}));
+  EXPECT_EQ(Err(ipc_unwatch(w, 0)), EINVAL);  // the queued 3 is no watch's notice
+  EXPECT_TRUE(Receive(w, 0, {3}));
   // A find that is never answered times out, a signal during the wait notwithstanding.
   const std::string longest = std::string(63, 'N') + "/" + std::string(63, 'n');
   ASSERT_EQ(ipc_find(w, "never", 12) + ipc_find(w, longest.c_str(), 12), 0);
@@ -196,7 +198,7 @@ TEST_F(IpcTest, CallsWatchesTimeOutsAndRouterGone) {
   EXPECT_EQ(Err(ipc_receive(w, nullptr, 0, 1500, &m)), ETIMEDOUT);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
   std::regex status("endpoints 1\n[\\s\\S]* " + std::to_string(getpid()) +
-                    " [\\s\\S]*finds 2\n[\\s\\S]*routed 1 dropped 1\n");
+                    " [\\s\\S]*finds 2\n[\\s\\S]*routed 2 dropped 1\n");
   EXPECT_TRUE(std::regex_search(Status(), status)) << Status();
   EXPECT_EQ(ipc_c_round_trip("c-client"), 0);
   // The router goes away: calls fail with ECONNRESET, raising no SIGPIPE, also
@@ -224,6 +226,8 @@ TEST_F(IpcTest, CallsWatchesTimeOutsAndRouterGone) {
   EXPECT_EQ(Count("taking over stale socket"), 1);
   EXPECT_EQ(Stop("", SIGTERM), 0);  // and removes when it stops
   EXPECT_EQ(Err(ipc_open("late")), ENOENT);
+  unsetenv("IPC_ROUTER_SOCKET");  // the default socket, where no router runs here
+  EXPECT_TRUE(std::filesystem::exists("/run/ipc-router.sock") || Err(ipc_open("x")) == ENOENT);
 }
 
 // A frame as a client or a peer router would write it, bypassing the library.
@@ -243,8 +247,11 @@ TEST(IpcFrameTest, PrefixesAreRefusedAtTheFirstBadByte) {
   std::string find = Frame(db::ipc::kFind, 0, 0, std::string(2 * IPC_MAX_NAME + 1, 'n'));
   EXPECT_EQ(parse(find, find.size()), db::ipc::ParseResult::kFrame);
   EXPECT_EQ(parse(find, find.size() - 1), db::ipc::ParseResult::kNeedMore);
-  find[3] = 1;
-  EXPECT_EQ(parse(find, 4), db::ipc::ParseResult::kMalformed);
+  for (size_t i = 0; i < 4; ++i) {  // version, command, two zero bytes
+    std::string bad = find;
+    bad[i] = i == 1 ? 99 : 2;
+    EXPECT_EQ(parse(bad, i + 1), db::ipc::ParseResult::kMalformed) << i;
+  }
 }
 
 // A send held back when the router turns bad fails: none reported done arrived short.
