@@ -8,11 +8,9 @@
 #include <fstream>
 #include <thread>
 
-#include <sqlite3.h>
-
 #include "db/db_object.h"
 #include "elem_cmd.h"
-#include "support/test_util.h"
+#include "support/sqlite_util.h"
 
 #ifndef DB_SHELL_PATH
 #define DB_SHELL_PATH ""  // db-shell not built: every test is skipped
@@ -24,8 +22,7 @@ using db::Attribute;
 using db::DbObject;
 using db_test::Val;
 
-// Runs db-shell with `args` and `input` on standard input, with a scratch
-// directory of its own as $TMPDIR, which must be empty again afterwards.
+// Runs db-shell on `input` with a $TMPDIR of its own, which must be empty again afterwards.
 db_test::ProgramRun RunShell(const std::vector<std::string>& args, const std::string& input = "") {
   db_test::TempDir tmp;
   std::vector<std::string> argv = {"env", "TMPDIR=" + tmp.path()};
@@ -161,8 +158,7 @@ TEST_P(DbShellTest, CommandsPrintWhatTheLibraryPrintsAndChangeNothing) {
 
 TEST_P(DbShellTest, ExitStatusAndStandardError) {
   WriteDatabase();
-  // Each row: -c commands, standard input, exit status, the command whose output
-  // is expected, a part of standard error.
+  // Row: -c commands, standard input, exit status, the command whose output shows, stderr part.
   using Case = std::tuple<std::vector<std::string>, const char*, int, const char*, const char*>;
   const std::string size = "Get Size ports";
   const Case cases[] = {
@@ -185,10 +181,8 @@ TEST_P(DbShellTest, ExitStatusAndStandardError) {
   }
 }
 
-// Exit 2 with one line on standard error, nothing created or touched. A file
-// written before the write-ahead log and the owner indexes (in the rollback
-// journal's mode, side table without index) is read as it is: the shell's
-// connection is read-only, whatever characters the path holds.
+// Exit 2 with one line on standard error, nothing created or touched. A file from before the
+// write-ahead log and owner indexes is read as it is, whatever characters its path holds.
 TEST(DbShellOpenTest, RefusedDatabasesAndArgumentsExitTwoAndOldFilesStayAsTheyAre) {
   if (std::string(DB_SHELL_PATH).empty()) GTEST_SKIP() << "db-shell is not built";
   db_test::TempDir dir;
@@ -227,18 +221,12 @@ TEST(DbShellOpenTest, RefusedDatabasesAndArgumentsExitTwoAndOldFilesStayAsTheyAr
 
   db_test::TempDir old_dir;
   const std::string old = old_dir.File("old?%23#.sqlite");
-  sqlite3* db = nullptr;
-  ASSERT_EQ(SQLITE_OK, sqlite3_open(old.c_str(), &db));
-  ASSERT_EQ(
-      SQLITE_OK,
-      sqlite3_exec(db,
-                   "CREATE TABLE ports(ID INTEGER PRIMARY KEY , speed INTEGER);"
-                   "CREATE TABLE repeated_field_table_ports_vlans(ID INTEGER PRIMARY KEY, "
-                   "ID_ports INTEGER, vlans INTEGER);"
-                   "INSERT INTO ports (ID, speed) VALUES (4, 1000);"
-                   "INSERT INTO repeated_field_table_ports_vlans(ID_ports, vlans) VALUES (4, 20);",
-                   nullptr, nullptr, nullptr));
-  sqlite3_close(db);
+  db_test::RawDb(old).Query(
+      "CREATE TABLE ports(ID INTEGER PRIMARY KEY , speed INTEGER);"
+      "CREATE TABLE repeated_field_table_ports_vlans(ID INTEGER PRIMARY KEY, "
+      "ID_ports INTEGER, vlans INTEGER);"
+      "INSERT INTO ports (ID, speed) VALUES (4, 1000);"
+      "INSERT INTO repeated_field_table_ports_vlans(ID_ports, vlans) VALUES (4, 20);");
   const std::string before = db_test::ReadFile(old);
   db_test::ProgramRun run = RunShell({"--sqlite", old, "-c", "Retrieve Record ports 4"});
   EXPECT_EQ(0, run.status) << run.err;
@@ -271,16 +259,16 @@ TEST_P(DbShellTest, TerminalCompletesCommandWordsAndRecallsHistory) {
   ASSERT_EQ(0,
             send("new-session -d -s shell -x 160 -y 50 \"" + shell + "--leveldb " + Path() + "\""));
   wait_for("db-shell>");
-  send("send-keys -t shell 'Get Si' Tab");  // completes the word, then a table name
-  wait_for("db-shell> Get Size");
-  send("send-keys -t shell p Tab");
-  wait_for("db-shell> Get Size ports");
-  send("send-keys -t shell Enter");
-  wait_for(size + "db-shell>");
-  send("send-keys -t shell Up");  // recalls the previous command
-  wait_for(size + "db-shell> Get Size ports");
-  send("send-keys -t shell Enter");
-  wait_for(size + size + "db-shell>");
+  // Tab completes the command's words, then a table name; Up recalls the last command.
+  for (const auto& [keys, screen] :
+       std::vector<std::pair<std::string, std::string>>{{"'Get Si' Tab", "db-shell> Get Size"},
+                                                        {"p Tab", "db-shell> Get Size ports"},
+                                                        {"Enter", size + "db-shell>"},
+                                                        {"Up", size + "db-shell> Get Size ports"},
+                                                        {"Enter", size + size + "db-shell>"}}) {
+    send("send-keys -t shell " + keys);
+    wait_for(screen);
+  }
   send("send-keys -t shell quit Enter");
 }
 

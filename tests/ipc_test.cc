@@ -1,11 +1,11 @@
-// Messaging through real ipc-routers that each test starts in a fresh directory
-// (nodes linked over 127.0.0.1) and stops, also when it dies.
+// Messaging through ipc-routers each test starts (nodes linked over 127.0.0.1) and stops.
 
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -157,6 +157,7 @@ TEST_F(IpcTest, CallsWatchesTimeOutsAndRouterGone) {
   // A watch fires exactly once however its endpoint ends, and never once unwatched.
   enum Ending { kClose, kKill, kAlreadyGone, kUnwatch, kUnwatchQueued, kUnwatchInFlight };
   uint32_t peer = 0;
+  std::set<int32_t> ids;  // never reused while the last ones are armed or just fired
   for (int ending = kClose; ending <= kUnwatchInFlight; ++ending) {
     ipc_endpoint* p = ipc_open("peer");
     peer = ipc_self(p);
@@ -165,7 +166,7 @@ TEST_F(IpcTest, CallsWatchesTimeOutsAndRouterGone) {
     if (ending == kKill || ending == kAlreadyGone) ipc_close(p);
     if (ending == kAlreadyGone) Status();  // the router has seen it go
     int32_t id = ipc_watch(w, peer, 40 + ending);
-    ASSERT_GT(id, 0);
+    EXPECT_TRUE(id > 0 && ids.insert(id).second) << id;
     ASSERT_EQ(ending == kUnwatch ? ipc_unwatch(w, id) : 0, 0);  // while armed in the router
     if (ending == kKill) kill(child, SIGKILL), Join(child);
     if (ending != kKill && ending != kAlreadyGone) ipc_close(p);
@@ -184,17 +185,20 @@ TEST_F(IpcTest, CallsWatchesTimeOutsAndRouterGone) {
   }
   // A message to an address that is gone is dropped; its sender goes on.
   EXPECT_EQ(ipc_send(w, peer, 1, "x", 1), 0);
-  EXPECT_EQ(ipc_send(w, ipc_self(w), 2, "", 0), 0);
+  EXPECT_EQ(ipc_send(w, ipc_self(w), 3, "", 0) + ipc_send(w, ipc_self(w), 2, "", 0), 0);
   EXPECT_TRUE(Receive(w, 5000, {2}) && !Receive(w, 0, {1}));
+  EXPECT_EQ(Err(ipc_unwatch(w, 0)), EINVAL);  // the queued 3 is no watch's notice
+  EXPECT_TRUE(Receive(w, 0, {3}));
   // A find that is never answered times out, a signal during the wait notwithstanding.
-  ASSERT_EQ(ipc_find(w, "never", 12) + ipc_find(w, "NODE/never", 12), 0);
+  const std::string longest = std::string(63, 'N') + "/" + std::string(63, 'n');
+  ASSERT_EQ(ipc_find(w, "never", 12) + ipc_find(w, longest.c_str(), 12), 0);
   auto start = std::chrono::steady_clock::now();
   signal(SIGALRM, [](int) {});  // poll then fails with EINTR, restarting or not
   alarm(1);
   EXPECT_EQ(Err(ipc_receive(w, nullptr, 0, 1500, &m)), ETIMEDOUT);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
   std::regex status("endpoints 1\n[\\s\\S]* " + std::to_string(getpid()) +
-                    " [\\s\\S]*finds 2\n[\\s\\S]*routed 1 dropped 1\n");
+                    " [\\s\\S]*finds 2\n[\\s\\S]*routed 2 dropped 1\n");
   EXPECT_TRUE(std::regex_search(Status(), status)) << Status();
   EXPECT_EQ(ipc_c_round_trip("c-client"), 0);
   // The router goes away: calls fail with ECONNRESET, raising no SIGPIPE, also
@@ -209,7 +213,8 @@ TEST_F(IpcTest, CallsWatchesTimeOutsAndRouterGone) {
   Stop("", SIGKILL);
   signal(SIGPIPE, SIG_DFL);
   EXPECT_THAT(
-      (std::vector<int>{Err(ipc_receive(w, nullptr, 0, -1, &m)), Err(ipc_send(w, 1, 1, "x", 1)),
+      (std::vector<int>{(errno = EAGAIN, Err(ipc_receive(w, nullptr, 0, 1000, &m))),
+                        Err(ipc_receive(w, nullptr, 0, -1, &m)), Err(ipc_send(w, 1, 1, "x", 1)),
                         Err(ipc_find(w, "b", 1)), Err(ipc_watch(w, 5, 1))}),
       testing::Each(ECONNRESET));
   pollfd p = {ipc_fd(w), POLLIN, 0};
@@ -221,6 +226,8 @@ TEST_F(IpcTest, CallsWatchesTimeOutsAndRouterGone) {
   EXPECT_EQ(Count("taking over stale socket"), 1);
   EXPECT_EQ(Stop("", SIGTERM), 0);  // and removes when it stops
   EXPECT_EQ(Err(ipc_open("late")), ENOENT);
+  unsetenv("IPC_ROUTER_SOCKET");  // the default socket, where no router runs here
+  EXPECT_TRUE(std::filesystem::exists("/run/ipc-router.sock") || Err(ipc_open("x")) == ENOENT);
 }
 
 // A frame as a client or a peer router would write it, bypassing the library.
@@ -232,49 +239,53 @@ std::string Frame(uint8_t command, uint32_t to, uint32_t from, const std::string
   return out;
 }
 
-TEST_F(IpcTest, ThousandEndpointsLeaveTheRouterFlat) {
-  Start();
-  ipc_endpoint* anchor = ipc_open("anchor");
-  const std::string proc = "/proc/" + std::to_string(pids_[""]);
-  auto cycle = [&] {
-    for (int i = 0; i < 1000; ++i) {
-      ipc_endpoint* ep = ipc_open(("ep" + std::to_string(i % 7)).c_str());
-      ASSERT_GT(ipc_watch(ep, ipc_self(anchor), 1), 0);
-      ipc_close(ep);
-    }
-    ASSERT_TRUE(std::regex_search(Status(), std::regex("endpoints 1\n[\\s\\S]*watches 0\n")));
+TEST(IpcFrameTest, PrefixesAreRefusedAtTheFirstBadByte) {
+  db::ipc::FrameHeader h;
+  auto parse = [&h](const std::string& bytes, size_t len) {
+    return db::ipc::ParseFrame(reinterpret_cast<const uint8_t*>(bytes.data()), len, &h);
   };
-  using It = std::filesystem::directory_iterator;
-  auto fds = [&] { return std::distance(It(proc + "/fd"), It()); };
-  auto rss_kib = [&] {
-    std::string text = db_test::ReadFile(proc + "/status");
-    return atol(text.c_str() + text.find("VmRSS:") + 6);
-  };
-  cycle();
-  cycle();  // warmed up: the allocator holds what it will keep
-  [[maybe_unused]] long rss = rss_kib();
-  auto open_fds = fds();
-  cycle();
-  cycle();
-  EXPECT_EQ(fds(), open_fds);
-#ifndef __SANITIZE_ADDRESS__  // the sanitizer's quarantine grows on purpose
-  EXPECT_LT(rss_kib() - rss, 256) << "KiB";
-#endif
-  // Out of descriptors, the router refuses newcomers and serves the others.
-  rlimit low = {static_cast<rlim_t>(open_fds + 4), static_cast<rlim_t>(open_fds + 4)};
-  ASSERT_EQ(prlimit(pids_[""], RLIMIT_NOFILE, &low, nullptr), 0);
-  std::vector<ipc_endpoint*> eps;
-  do eps.push_back(ipc_open(std::to_string(eps.size()).c_str()));
-  while (eps.size() < 20 && eps.back());
-  EXPECT_EQ(eps.back(), nullptr);
-  EXPECT_EQ(Count("out of file descriptors"), 1);
-  EXPECT_EQ(ipc_send(eps[0], ipc_self(anchor), 1, "", 0), 0);
-  EXPECT_TRUE(Receive(anchor));
-  for (ipc_endpoint* ep : eps) ipc_close(ep);
-  ipc_close(anchor);
+  std::string find = Frame(db::ipc::kFind, 0, 0, std::string(2 * IPC_MAX_NAME + 1, 'n'));
+  EXPECT_EQ(parse(find, find.size()), db::ipc::ParseResult::kFrame);
+  EXPECT_EQ(parse(find, find.size() - 1), db::ipc::ParseResult::kNeedMore);
+  for (size_t i = 0; i < 4; ++i) {  // version, command, two zero bytes
+    std::string bad = find;
+    bad[i] = i == 1 ? 99 : 2;
+    EXPECT_EQ(parse(bad, i + 1), db::ipc::ParseResult::kMalformed) << i;
+  }
 }
 
-TEST_F(IpcTest, BadClientsAndRouterProgram) {
+// A send held back when the router turns bad fails: none reported done arrived short.
+TEST_F(IpcTest, SendCutShortByABadRouterFails) {
+  sockaddr_un a = {AF_UNIX, {}};
+  snprintf(a.sun_path, sizeof(a.sun_path), "%s", Sock("").c_str());
+  int fake = socket(AF_UNIX, SOCK_STREAM, 0);
+  ASSERT_EQ(bind(fake, reinterpret_cast<sockaddr*>(&a), sizeof(a)) + listen(fake, 1), 0);
+  setenv("IPC_ROUTER_SOCKET", Sock("").c_str(), 1);
+  pid_t client = Spawn([] {
+    static char big[IPC_MAX_SIZE];
+    ipc_endpoint* ep = ipc_open("c");
+    int sent = 0;
+    while (ipc_send(ep, 1, 1, big, IPC_MAX_SIZE) == 0) ++sent;
+    return sent;
+  });
+  int fd = accept(fake, nullptr, nullptr);
+  std::string reply = Frame(db::ipc::kOpenReply, 5, 0, ""), bytes(1 << 20, 0);
+  ASSERT_EQ(write(fd, reply.data(), reply.size()), ssize_t(reply.size()));
+  const size_t frame = db::ipc::kFrameHeaderSize + IPC_MAX_SIZE;
+  const size_t open = Frame(db::ipc::kOpen, 0, 0, "c").size();
+  int queued = 0;  // the client is past its open and held back
+  for (int i = 0; i < 3000 && size_t(queued) < open + 2 * frame; ++i)
+    ioctl(fd, FIONREAD, &queued), usleep(1000);
+  ASSERT_EQ(write(fd, "garbage", 7), 7);
+  size_t got = 0;
+  for (ssize_t n; (n = read(fd, bytes.data(), bytes.size())) > 0;) got += size_t(n);
+  const size_t sent = Join(client);
+  EXPECT_GE(sent, 2u);
+  EXPECT_GE(got, open + sent * frame);
+  for (int f : {fd, fake}) close(f);
+}
+
+TEST_F(IpcTest, BadClientsThousandEndpointsAndRouterProgram) {
   Start();
   ipc_endpoint* r = ipc_open("r");
   auto raw = [&](const std::string& bytes) {  // a client that writes `bytes`
@@ -308,6 +319,43 @@ TEST_F(IpcTest, BadClientsAndRouterProgram) {
   EXPECT_TRUE(Receive(r));
   for (int i = 0; i < 500 && Count("dropped connection") < 5; ++i) usleep(10000);
   EXPECT_EQ(Count("dropped connection"), 5);
+  // A thousand endpoints leave the router flat.
+  const std::string proc = "/proc/" + std::to_string(pids_[""]);
+  auto cycle = [&] {
+    for (int i = 0; i < 1000; ++i) {
+      ipc_endpoint* ep = ipc_open(("ep" + std::to_string(i % 7)).c_str());
+      ASSERT_GT(ipc_watch(ep, ipc_self(r), 1), 0);
+      ipc_close(ep);
+    }
+    ASSERT_TRUE(std::regex_search(Status(), std::regex("endpoints 1\n[\\s\\S]*watches 0\n")));
+  };
+  using It = std::filesystem::directory_iterator;
+  auto fds = [&] { return std::distance(It(proc + "/fd"), It()); };
+  auto rss_kib = [&] {
+    std::string text = db_test::ReadFile(proc + "/status");
+    return atol(text.c_str() + text.find("VmRSS:") + 6);
+  };
+  cycle();
+  cycle();  // warmed up: the allocator holds what it will keep
+  [[maybe_unused]] long rss = rss_kib();
+  auto open_fds = fds();
+  cycle();
+  cycle();
+  EXPECT_EQ(fds(), open_fds);
+#ifndef __SANITIZE_ADDRESS__  // the sanitizer's quarantine grows on purpose
+  EXPECT_LT(rss_kib() - rss, 256) << "KiB";
+#endif
+  // Out of descriptors, the router refuses newcomers and serves the others.
+  rlimit low = {static_cast<rlim_t>(open_fds + 4), static_cast<rlim_t>(open_fds + 4)};
+  ASSERT_EQ(prlimit(pids_[""], RLIMIT_NOFILE, &low, nullptr), 0);
+  std::vector<ipc_endpoint*> eps;
+  do eps.push_back(ipc_open(std::to_string(eps.size()).c_str()));
+  while (eps.size() < 20 && eps.back());
+  EXPECT_EQ(eps.back(), nullptr);
+  EXPECT_EQ(Count("out of file descriptors"), 1);
+  EXPECT_EQ(ipc_send(eps[0], ipc_self(r), 1, "", 0), 0);
+  EXPECT_TRUE(Receive(r));
+  for (ipc_endpoint* ep : eps) ipc_close(ep);
   ipc_close(r);
   const std::string x = dir_.File("x.sock"), help = dir_.File("help");
   const std::pair<std::vector<std::string>, int> runs[] = {
@@ -331,30 +379,25 @@ TEST_F(IpcTest, BadClientsAndRouterProgram) {
   EXPECT_EQ(ipc_close(ipc_open("a")), 0);
 }
 
-// Size of message `seq` of every sender: mostly small, one in 32 up to the
-// limit; from 12 bytes on it carries `seq` in its first and last bytes.
-uint32_t SizeOf(uint32_t seq) {
+// Message `seq` of every sender: mostly small, one in 32 up to the limit.
+std::string Payload(uint32_t seq) {
   uint32_t r = seq * 2654435761u;
   r ^= r >> 13;
-  return r % 32 == 0 ? (r >> 5) % (IPC_MAX_SIZE + 1) : (r >> 5) % 300;
+  return std::string(r % 32 == 0 ? (r >> 5) % (IPC_MAX_SIZE + 1) : (r >> 5) % 300, char(seq));
 }
 
 // Sends messages 0 to n - 1 of type 1 to `to`.
 bool SendSequence(ipc_endpoint* ep, uint32_t to, uint32_t n) {
-  std::vector<uint8_t> buf(IPC_MAX_SIZE);
   for (uint32_t seq = 0; seq < n; ++seq) {
-    uint32_t size = SizeOf(seq);
-    if (size >= 12) memcpy(&buf[4], &seq, 4), memcpy(&buf[size - 4], &seq, 4);
-    if (ipc_send(ep, to, 1, buf.data(), size) != 0) return false;
+    std::string p = Payload(seq);
+    if (ipc_send(ep, to, 1, p.data(), static_cast<uint32_t>(p.size())) != 0) return false;
   }
   return true;
 }
 
-// True when `m` is message `seq` of a sequence, whole.
 bool IsMessage(const Message& m, uint32_t seq) {
-  const uint8_t* p = static_cast<const uint8_t*>(m ? m->data : nullptr);
-  return m && m->type == 1 && m->size == SizeOf(seq) &&
-         (m->size < 12 || (memcmp(p + 4, &seq, 4) == 0 && memcmp(p + m->size - 4, &seq, 4) == 0));
+  return m && m->type == 1 &&
+         std::string(static_cast<const char*>(m->data), m->size) == Payload(seq);
 }
 
 TEST_P(IpcBothTest, FindWatchOrderIntegrityAndBackPressure) {
