@@ -60,13 +60,17 @@ int LogCapture::Count(const std::string& text) const {
 
 void LogCapture::Clear() {
   fclose(file_);
-  zlog_set_output(file_ = tmpfile());
+  file_ = tmpfile();
+  zlog_set_output(file_);
 }
 
 void InitLibrary() {
-  static qelmw_t* mw = qelmw_create("db-intf-test");
-  static const bool done = (db::Init(mw), true);
-  (void)done;
+  static qelmw_t* const mw = [] {  // once per process
+    qelmw_t* handle = qelmw_create("db-intf-test");
+    db::Init(handle);
+    return handle;
+  }();
+  (void)mw;
 }
 
 std::string ReadFile(const std::string& path) {
@@ -93,7 +97,9 @@ pid_t Start(std::vector<std::string> args, int in_fd, int out_fd, int err_fd) {
   const pid_t pid = fork();
   if (pid != 0) return pid;
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives the test, even one that dies
-  dup2(in_fd, 0), dup2(out_fd, 1), dup2(err_fd, 2);
+  dup2(in_fd, 0);
+  dup2(out_fd, 1);
+  dup2(err_fd, 2);
   execvp(argv[0], argv.data());
   _exit(127);
 }
