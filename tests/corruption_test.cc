@@ -1,5 +1,5 @@
-// Damaged stored data of each kind, read through the library and db-shell: every call ends in
-// a code (negative with an "ERROR..." line) or a conversion exception that reading lets pass.
+// Damaged stored data read through the library and db-shell: every call ends in a code
+// (negative with an "ERROR..." line) or a conversion exception that reading lets pass.
 
 #include <sqlite3.h>
 
@@ -152,18 +152,42 @@ class CorruptionTest : public testing::TestWithParam<db::DbType> {
 
 // LevelDB: each record kind and a key. SQLite: texts the columns do not hold, damaged bytes.
 TEST_P(CorruptionTest, EveryRecordKindDamaged) {
-  const struct {
-    const char* key;
-    bool intact;  // record 1 still reads back
-  } targets[] = {{"recs:2", true},          {"vals:recs:2", true},
-                 {"schema:recs", false},    {"schema:repeated:recs", false},
-                 {"schema:recs:idx", true}, {"key", true}};
-  for (const auto& target : targets) {
-    for (Damage damage : kDamages) {
-      if (!leveldb()) break;
+  if (!leveldb()) {
+    for (const char* statement :
+         {"UPDATE recs SET num='x' WHERE ID=2", "UPDATE recs SET num='99999999999' WHERE ID=2",
+          "UPDATE recs SET ratio='x', name=X'41FF', raw=X'00' WHERE ID=2",
+          "UPDATE repeated_field_table_recs_vals SET vals='x' WHERE ID_recs=2",
+          "UPDATE repeated_field_table_recs_tags SET tags=NULL WHERE ID_recs=2"}) {
+      const std::string path = Copy();
+      sqlite3* db = nullptr;
+      ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+      EXPECT_EQ(sqlite3_exec(db, statement, nullptr, nullptr, nullptr), SQLITE_OK);
+      sqlite3_close(db);
+      SCOPED_TRACE(statement);
+      ExpectHandled(path, true);
+    }
+  }
+  for (Damage damage : kDamages) {
+    if (!leveldb()) {
+      const std::string path = Copy();
+      const std::string file = ReadFile(path);
+      // The first page holds the header and the schema; the rest the records.
+      std::ofstream(path, std::ios::binary | std::ios::trunc)
+          << (damage == Foreign ? damage(file) + file.substr(100)
+                                : file.substr(0, 4096) + damage(file.substr(4096)));
+      SCOPED_TRACE("file bytes");
+      ExpectHandled(path, false);
+      continue;
+    }
+    // Which keys leave record 1 readable; "key" damages the key of record 2.
+    for (const auto& [key, intact] : std::map<std::string, bool>{{"recs:2", true},
+                                                                 {"vals:recs:2", true},
+                                                                 {"schema:recs", false},
+                                                                 {"schema:repeated:recs", false},
+                                                                 {"schema:recs:idx", true},
+                                                                 {"key", true}}) {
       const std::string path = Copy();
       KeyValues records = Dump(path);
-      const std::string key = target.key;
       if (key == "key") {
         records["recs:" + damage("2")] = records["recs:2"];
         records.erase("recs:2");
@@ -173,34 +197,8 @@ TEST_P(CorruptionTest, EveryRecordKindDamaged) {
       std::filesystem::remove_all(path);
       Seed(path, records);
       SCOPED_TRACE(key + " damaged into '" + (key == "key" ? damage("2") : records[key]) + "'");
-      ExpectHandled(path, target.intact);
+      ExpectHandled(path, intact);
     }
-  }
-  const char* const statements[] = {
-      "UPDATE recs SET num='x' WHERE ID=2", "UPDATE recs SET num='99999999999' WHERE ID=2",
-      "UPDATE recs SET ratio='x', name=X'41FF', raw=X'00' WHERE ID=2",
-      "UPDATE repeated_field_table_recs_vals SET vals='x' WHERE ID_recs=2",
-      "UPDATE repeated_field_table_recs_tags SET tags=NULL WHERE ID_recs=2"};
-  for (const char* statement : statements) {
-    if (leveldb()) break;
-    const std::string path = Copy();
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(db, statement, nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(db);
-    SCOPED_TRACE(statement);
-    ExpectHandled(path, true);
-  }
-  for (Damage damage : kDamages) {
-    if (leveldb()) break;
-    const std::string path = Copy();
-    const std::string file = ReadFile(path);
-    // The first page holds the header and the schema; the rest the records.
-    std::ofstream(path, std::ios::binary | std::ios::trunc)
-        << (damage == Foreign ? damage(file) + file.substr(100)
-                              : file.substr(0, 4096) + damage(file.substr(4096)));
-    SCOPED_TRACE("file bytes");
-    ExpectHandled(path, false);
   }
 }
 

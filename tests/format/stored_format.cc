@@ -24,8 +24,7 @@ void Check(bool ok, const std::string& what) {
   if (!ok) failures++, fprintf(stderr, "stored-format: FAILED %s\n", what.c_str());
 }
 
-// Record 1 leaves two scalars unset and every repeated field empty; record 2's speed shows
-// byte order in any dump.
+// Record 1 leaves two scalars unset and every repeated field empty.
 struct Record {
   db::ScalarFields scalars;
   db::CompositeFields composites;
@@ -52,11 +51,12 @@ std::vector<Record> Records() {
           Make(Val(Bytes{2, 0, 0, 0, 0, 1}), "lo", Val(1.5f), 0x01020304, {}, {}, {Val(20)}, {})};
 }
 
-std::string LevelDbPath(const std::string& dir) { return dir + "/store"; }
-std::string SqlitePath(const std::string& dir) { return dir + "/store.sqlite"; }
+std::string Path(const std::string& dir, db::DbType type) {
+  return dir + (type == db::kLevelDb ? "/store" : "/store.sqlite");
+}
 
-std::unique_ptr<db::DbObject> Ports(const std::string& path, db::DbType type) {
-  auto ports = std::make_unique<db::DbObject>(path, "ports", false, type);
+std::unique_ptr<db::DbObject> Ports(const std::string& dir, db::DbType type) {
+  auto ports = std::make_unique<db::DbObject>(Path(dir, type), "ports", false, type);
   const Record first = Records()[0];
   for (const auto& [name, value] : first.scalars)
     ports->AppendScalarAttribute(name, Attribute(value.type()), db::kDefault);
@@ -67,7 +67,7 @@ std::unique_ptr<db::DbObject> Ports(const std::string& path, db::DbType type) {
 
 void Write(const std::string& dir) {
   for (db::DbType type : {db::kLevelDb, db::kSqlite}) {
-    auto ports = Ports(type == db::kLevelDb ? LevelDbPath(dir) : SqlitePath(dir), type);
+    auto ports = Ports(dir, type);
     Check(ports->CreateObjTables() == 0, "create tables");
     Check(ports->AddTableIndex("by_name", {"name", "speed"}) == 0, "add index");
     for (const Record& record : Records()) {
@@ -96,15 +96,14 @@ std::vector<std::string> RawSqlite(const std::string& path, const std::string& s
 void CheckEqual(const std::vector<std::string>& got, const std::vector<std::string>& want,
                 const std::string& what) {
   Check(got == want, what);
-  for (size_t i = 0; i < std::max(got.size(), want.size()); ++i) {
-    const std::string g = i < got.size() ? got[i] : "", w = i < want.size() ? want[i] : "";
-    if (g != w) fprintf(stderr, "  [%zu] got '%s' want '%s'\n", i, g.c_str(), w.c_str());
-  }
+  for (size_t i = 0; i < got.size() && i < want.size(); ++i)
+    if (got[i] != want[i])
+      fprintf(stderr, "  [%zu] '%s' not '%s'\n", i, got[i].c_str(), want[i].c_str());
 }
 
 // The exact stored texts of record 0 (the first id stored) and of the schema.
 void VerifyBytes(const std::string& dir) {
-  const db_test::KeyValues all = db_test::Dump(LevelDbPath(dir));  // with leveldb itself
+  const db_test::KeyValues all = db_test::Dump(Path(dir, db::kLevelDb));  // with leveldb itself
   std::vector<std::string> got;
   for (const char* key : {"schema:ports", "schema:repeated:ports", "schema:ports:idx", "ports:1",
                           "keys:ports:1", "vlans:ports:1", "weights:ports:1", "ports:3"})
@@ -116,7 +115,7 @@ void VerifyBytes(const std::string& dir) {
               "4,6,2,3,8,\x02\x00\x00\x00\x00\x01,lo,1.5,16909060"s},
              "LevelDB stored bytes");
   // Bytes and strings are stored as escaped text: 0x00 as FF FE, 0xFF as FF FF.
-  CheckEqual(RawSqlite(SqlitePath(dir),
+  CheckEqual(RawSqlite(Path(dir, db::kSqlite),
                        "SELECT hex(mac) || '|' || name || '|' || ratio || '|' || speed FROM "
                        "ports "
                        "UNION ALL SELECT sql FROM sqlite_master WHERE name = 'by_name' "
@@ -137,7 +136,7 @@ void Verify(const std::string& dir) {
   const std::vector<Record> want = Records();
   for (db::DbType type : {db::kLevelDb, db::kSqlite}) {
     const std::string kind = type == db::kLevelDb ? "LevelDB " : "SQLite ";
-    auto ports = Ports(type == db::kLevelDb ? LevelDbPath(dir) : SqlitePath(dir), type);
+    auto ports = Ports(dir, type);
     std::vector<uint32_t> ids;
     Check(ports->RetrieveObjects(&ids, {}, {}) == 0 && ids.size() == want.size(),
           kind + "record ids");
