@@ -1,8 +1,6 @@
 // Damaged stored data read through the library and db-shell: every call ends in a code
 // (negative with an "ERROR..." line) or a conversion exception that reading lets pass.
 
-#include <sqlite3.h>
-
 #include <filesystem>
 #include <fstream>
 
@@ -10,6 +8,7 @@
 #include "id_generator.h"
 #include "leveldb_connector.h"
 #include "support/leveldb_util.h"
+#include "support/sqlite_util.h"
 #include "support/test_util.h"
 
 #ifndef DB_SHELL_PATH
@@ -159,10 +158,7 @@ TEST_P(CorruptionTest, EveryRecordKindDamaged) {
           "UPDATE repeated_field_table_recs_vals SET vals='x' WHERE ID_recs=2",
           "UPDATE repeated_field_table_recs_tags SET tags=NULL WHERE ID_recs=2"}) {
       const std::string path = Copy();
-      sqlite3* db = nullptr;
-      ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-      EXPECT_EQ(sqlite3_exec(db, statement, nullptr, nullptr, nullptr), SQLITE_OK);
-      sqlite3_close(db);
+      RawDb(path).Query(statement);
       SCOPED_TRACE(statement);
       ExpectHandled(path, true);
     }
@@ -180,12 +176,11 @@ TEST_P(CorruptionTest, EveryRecordKindDamaged) {
       continue;
     }
     // Which keys leave record 1 readable; "key" damages the key of record 2.
-    for (const auto& [key, intact] : std::map<std::string, bool>{{"recs:2", true},
-                                                                 {"vals:recs:2", true},
-                                                                 {"schema:recs", false},
-                                                                 {"schema:repeated:recs", false},
-                                                                 {"schema:recs:idx", true},
-                                                                 {"key", true}}) {
+    const std::pair<std::string, bool> targets[] = {
+        {"recs:2", true},          {"vals:recs:2", true},
+        {"schema:recs", false},    {"schema:repeated:recs", false},
+        {"schema:recs:idx", true}, {"key", true}};
+    for (const auto& [key, intact] : targets) {
       const std::string path = Copy();
       KeyValues records = Dump(path);
       if (key == "key") {
