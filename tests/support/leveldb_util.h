@@ -1,5 +1,3 @@
-// Helpers of the LevelDB suites.
-
 #ifndef DB_INTF_TESTS_SUPPORT_LEVELDB_UTIL_H_
 #define DB_INTF_TESTS_SUPPORT_LEVELDB_UTIL_H_
 

@@ -1,5 +1,3 @@
-// Helpers of the SQLite backend tests.
-
 #ifndef DB_INTF_TESTS_SUPPORT_SQLITE_UTIL_H_
 #define DB_INTF_TESTS_SUPPORT_SQLITE_UTIL_H_
 
