@@ -49,7 +49,7 @@ class SqliteApiTest : public ::testing::Test {
   SqliteAPI api_;
 };
 
-TEST_F(SqliteApiTest, RefusalsAndAbsentIds) {
+TEST_F(SqliteApiTest, RefusalsPrintingAndAbsentIds) {
   ASSERT_EQ(api_.CreateTable({}, {}), 0);
   EXPECT_EQ(api_.DestroyTable({{"f", {kInteger, {}}}}), -1);
   EXPECT_EQ(api_.EndTransaction(), 0);  // left open by the failure
@@ -62,6 +62,12 @@ TEST_F(SqliteApiTest, RefusalsAndAbsentIds) {
   EXPECT_EQ(api_.AddTableIndex("idx", {}), -1);  // loses its "("
   EXPECT_EQ(api_.AddCompositeField("f", {kInteger, {}}), -1);
   ASSERT_EQ(api_.StoreRecord(1, {{"a", Int(1)}}, {{"f", {kInteger, {Int(3)}}}}), 0);
+  static std::string printed;
+  EXPECT_EQ(api_.PrintDatabase({{"f", {kInteger, {}}}},
+                               [](std::stringstream& text) { printed = text.str(); }),
+            0);
+  EXPECT_EQ(printed, "ID = 1\na = 1\nb = NULL\nc = NULL\nd = NULL\n\nID = 1\nID_T = 1\nf = 3\n\n");
+  EXPECT_EQ(api_.PrintDatabase({{"missing", {kInteger, {}}}}, nullptr), -1);
   log_.Clear();
   ScalarFields scalar = Schema();
   CompositeFields composite;
@@ -150,19 +156,6 @@ TEST_F(SqliteApiTest, DeleteRecordsAndClearTable) {
   EXPECT_THAT(ids, ElementsAre(3u, 4u));
   EXPECT_EQ(log_.Count("ERROR! sqlite3_exec"), 2);
   EXPECT_EQ(Count("T"), 2);
-}
-
-TEST_F(SqliteApiTest, PrintDatabase) {
-  CreateDefaultTable();
-  ASSERT_EQ(api_.StoreRecord(1, {{"a", Int(1)}, {"b", Str("x")}}, {{"f", {kInteger, {Int(3)}}}}),
-            0);
-  static std::string printed;
-  EXPECT_EQ(api_.PrintDatabase({{"f", {kInteger, {}}}},
-                               [](std::stringstream& text) { printed = text.str(); }),
-            0);
-  EXPECT_EQ(printed, "ID = 1\na = 1\nb = x\nc = NULL\nd = NULL\n\nID = 1\nID_T = 1\nf = 3\n\n");
-
-  EXPECT_EQ(api_.PrintDatabase({{"missing", {kInteger, {}}}}, nullptr), -1);
 }
 
 // The stored text of the owner index of side table repeated_field_table_T_F.

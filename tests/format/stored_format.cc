@@ -5,7 +5,7 @@
 #include <sqlite3.h>
 #include <sys/wait.h>
 
-#include <limits>
+#include <cstdint>
 
 #include "db/db_object.h"
 #include "support/leveldb_util.h"
@@ -25,10 +25,7 @@ void Check(bool ok, const std::string& what) {
 }
 
 // Record 1 leaves two scalars unset and every repeated field empty.
-struct Record {
-  db::ScalarFields scalars;
-  db::CompositeFields composites;
-};
+using Record = std::pair<db::ScalarFields, db::CompositeFields>;
 
 Record Make(Attribute mac, const std::string& name, Attribute ratio, int32_t speed,
             std::vector<Attribute> aliases, std::vector<Attribute> keys,
@@ -41,12 +38,10 @@ Record Make(Attribute mac, const std::string& name, Attribute ratio, int32_t spe
 }
 
 std::vector<Record> Records() {
-  const int32_t kMin = std::numeric_limits<int32_t>::min();
-  const int32_t kMax = std::numeric_limits<int32_t>::max();
-  return {Make(Val(Bytes{0x00, 0xff, 0x80, 0x7f, 0x0a, 0x01}), "eth 1/3, 'up'", Val(-2.5f), kMin,
-               {Val(std::string("a,b")), Val(std::string("x'y"))},
+  return {Make(Val(Bytes{0x00, 0xff, 0x80, 0x7f, 0x0a, 0x01}), "eth 1/3, 'up'", Val(-2.5f),
+               INT32_MIN, {Val(std::string("a,b")), Val(std::string("x'y"))},
                {Val(Bytes{0xde, 0xad, 0xbe, 0xef}), Val(Bytes{0xff, 0x00})},
-               {Val(10), Val(-1), Val(kMax)}, {Val(0.1f), Val(1e7f)}),
+               {Val(10), Val(-1), Val(INT32_MAX)}, {Val(0.1f), Val(1e7f)}),
           Make(Attribute(db::kBytes), "eth0", Attribute(db::kFloat), 1000, {}, {}, {}, {}),
           Make(Val(Bytes{2, 0, 0, 0, 0, 1}), "lo", Val(1.5f), 0x01020304, {}, {}, {Val(20)}, {})};
 }
@@ -58,9 +53,9 @@ std::string Path(const std::string& dir, db::DbType type) {
 std::unique_ptr<db::DbObject> Ports(const std::string& dir, db::DbType type) {
   auto ports = std::make_unique<db::DbObject>(Path(dir, type), "ports", false, type);
   const Record first = Records()[0];
-  for (const auto& [name, value] : first.scalars)
+  for (const auto& [name, value] : first.first)
     ports->AppendScalarAttribute(name, Attribute(value.type()), db::kDefault);
-  for (const auto& [name, field] : first.composites)
+  for (const auto& [name, field] : first.second)
     ports->AppendCompositeAttribute(name, Attribute(field.first), db::kDefault);
   return ports;
 }
@@ -71,8 +66,8 @@ void Write(const std::string& dir) {
     Check(ports->CreateObjTables() == 0, "create tables");
     Check(ports->AddTableIndex("by_name", {"name", "speed"}) == 0, "add index");
     for (const Record& record : Records()) {
-      ports->scalar_fields() = record.scalars;
-      ports->composite_fields() = record.composites;
+      ports->scalar_fields() = record.first;
+      ports->composite_fields() = record.second;
       uint32_t id = 0;
       Check(ports->StoreObject(&id) == 0, "store");
     }
@@ -143,9 +138,9 @@ void Verify(const std::string& dir) {
     std::sort(ids.begin(), ids.end());
     for (size_t i = 0; i < ids.size() && i < want.size(); ++i) {
       Record got;
-      Check(ports->RetrieveObject(ids[i], &got.scalars, &got.composites) == 0, kind + "retrieve");
-      Check(got.scalars == want[i].scalars, kind + "scalars of record " + std::to_string(i));
-      Check(SetElements(got.composites) == want[i].composites,
+      Check(ports->RetrieveObject(ids[i], &got.first, &got.second) == 0, kind + "retrieve");
+      Check(got.first == want[i].first, kind + "scalars of record " + std::to_string(i));
+      Check(SetElements(got.second) == want[i].second,
             kind + "repeated of record " + std::to_string(i));
     }
   }
