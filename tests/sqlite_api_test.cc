@@ -49,7 +49,7 @@ class SqliteApiTest : public ::testing::Test {
   SqliteAPI api_;
 };
 
-TEST_F(SqliteApiTest, RefusalsPrintingAndAbsentIds) {
+TEST_F(SqliteApiTest, RefusalsPrintingAndDeletions) {
   ASSERT_EQ(api_.CreateTable({}, {}), 0);
   EXPECT_EQ(api_.DestroyTable({{"f", {kInteger, {}}}}), -1);
   EXPECT_EQ(api_.EndTransaction(), 0);  // left open by the failure
@@ -67,22 +67,37 @@ TEST_F(SqliteApiTest, RefusalsPrintingAndAbsentIds) {
                                [](std::stringstream& text) { printed = text.str(); }),
             0);
   EXPECT_EQ(printed, "ID = 1\na = 1\nb = NULL\nc = NULL\nd = NULL\n\nID = 1\nID_T = 1\nf = 3\n\n");
-  EXPECT_EQ(api_.PrintDatabase({{"missing", {kInteger, {}}}}, nullptr), -1);
   log_.Clear();
   ScalarFields scalar = Schema();
   CompositeFields composite;
   EXPECT_EQ(api_.RetrieveRecord(2, &scalar, &composite), -4);
   EXPECT_THAT(log_.Lines(), IsEmpty()) << "an absent id is not an error";
 
+  std::vector<uint32_t> ids = {42};
+  const CompositeFields elements = {{"f", {kInteger, {Int(3)}}}, {"g", {kString, {Str("x")}}}};
+  for (int32_t id : {2, 3, 4, 5})
+    ASSERT_EQ(api_.StoreRecord(id, {{"a", Int(id < 4 ? 1 : 2)}}, elements), 0);
+  // Only the side tables named in the filter are cleaned, on purpose.
+  EXPECT_EQ(api_.DeleteRecords(&ids, {{"a", Int(1)}}, {{"g", {kString, {}}}}), 0);
+  EXPECT_THAT(ids, ElementsAre(1u, 2u, 3u));  // cleared first
+  EXPECT_EQ((std::vector<int>{Count("T"), Count("repeated_field_table_T_g"),
+                              Count("repeated_field_table_T_f")}),
+            (std::vector<int>{2, 2, 5}));
+  // ClearTable carries on after failures: the first delete fails on the
+  // missing side table and leaves its transaction open, the next at BEGIN.
+  log_.Clear();
+  EXPECT_EQ(api_.ClearTable({{"missing", {kInteger, {}}}}, &ids), -1);
+  EXPECT_THAT(ids, ElementsAre(4u, 5u));
+  EXPECT_EQ(log_.Count("ERROR! sqlite3_exec"), 2);
   // Without a set scalar the WHERE clause begins with AND: refused, and
   // DeleteRecords deletes nothing.
-  std::vector<uint32_t> ids;
   EXPECT_EQ(api_.RetrieveRecords(&ids, {{"a", Attribute(kInteger)}}, {{"f", {kInteger, {Int(3)}}}}),
             -1);
   EXPECT_TRUE(log_.Contains("ERROR! sqlite3_exec: err_msg='near \"AND\": syntax error'"));
   EXPECT_EQ(api_.DeleteRecords(&ids, {}, {{"f", {kInteger, {Int(3)}}}}), 0);
   EXPECT_THAT(ids, IsEmpty());
-  EXPECT_EQ(Count("T"), 1);
+  EXPECT_EQ(api_.PrintDatabase({{"missing", {kInteger, {}}}}, nullptr), -1);
+  EXPECT_EQ(Count("T"), 2);
 }
 
 // SQLITE_BUSY gives -6, SQLITE_CORRUPT -7, anything else -1.
@@ -135,27 +150,6 @@ TEST(SqliteJournal, FileHeldInRollbackModeKeepsItsMode) {
   other.Query("END;");
   EXPECT_EQ(api.StoreRecord(1, {{"a", Int(1)}}, {}), 0);
   EXPECT_THAT(other.Query("PRAGMA journal_mode;"), ElementsAre(db_test::Row{"delete"}));
-}
-
-TEST_F(SqliteApiTest, DeleteRecordsAndClearTable) {
-  CreateDefaultTable();
-  const CompositeFields composite = {{"f", {kInteger, {Int(3)}}}, {"g", {kString, {Str("x")}}}};
-  for (int32_t id : {1, 2, 3, 4})
-    ASSERT_EQ(api_.StoreRecord(id, {{"a", Int(id < 3 ? 1 : 2)}}, composite), 0);
-  // Only the side tables named in the filter are cleaned, on purpose.
-  std::vector<uint32_t> ids = {42};
-  EXPECT_EQ(api_.DeleteRecords(&ids, {{"a", Int(1)}}, {{"g", {kString, {}}}}), 0);
-  EXPECT_THAT(ids, ElementsAre(1u, 2u));  // cleared first
-  EXPECT_EQ((std::vector<int>{Count("T"), Count("repeated_field_table_T_g"),
-                              Count("repeated_field_table_T_f")}),
-            (std::vector<int>{2, 2, 4}));
-  // ClearTable carries on after failures: the first delete fails on the
-  // missing side table and leaves its transaction open, the next at BEGIN.
-  log_.Clear();
-  EXPECT_EQ(api_.ClearTable({{"missing", {kInteger, {}}}}, &ids), -1);
-  EXPECT_THAT(ids, ElementsAre(3u, 4u));
-  EXPECT_EQ(log_.Count("ERROR! sqlite3_exec"), 2);
-  EXPECT_EQ(Count("T"), 2);
 }
 
 // The stored text of the owner index of side table repeated_field_table_T_F.
