@@ -69,7 +69,6 @@ class CorruptionTest : public testing::TestWithParam<db::DbType> {
   db::DbType type() const { return GetParam(); }
   bool leveldb() const { return type() == db::kLevelDb; }
 
-  // A fresh copy of the database written by the constructor.
   std::string Copy() {
     const std::string path = dir_.File("case" + std::to_string(++cases_));
     std::filesystem::copy(base_, path, std::filesystem::copy_options::recursive);

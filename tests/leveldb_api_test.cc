@@ -207,9 +207,8 @@ TEST(LevelDbConnectorTest, ObjectHeldInAStaticClosesAtExit) {
   EXPECT_TRUE(static_object->IsConnected());
 }
 
-// Random records in an indexed table: every filter gives the ids a direct evaluation of the
-// records gives, through the index or a scan, after reopening (the index is rebuilt from the
-// records) and after indexing more.
+// Random records: every filter, through the index or a scan, gives the ids a direct evaluation
+// gives, after reopening (the index is rebuilt from the records) and after indexing more.
 TEST_F(LeveldbApiTest, IndexAndScanAgreeWithTheRecords) {
   std::mt19937 rng(20240611);
   auto pick = [&rng](uint32_t n) { return static_cast<int32_t>(rng() % n); };
@@ -270,8 +269,7 @@ TEST_F(LeveldbApiTest, OrderAndRefusedFilters) {
   EXPECT_THROW(api->RetrieveRecords(&ids, {{"a", Val(1)}}, {}), std::out_of_range);
   EXPECT_EQ(log_.Count("ERROR: Corrupt record, key='T:2'"), 1);
   ASSERT_EQ(api->AddTableIndex("i", {"a"}), 0);
-  // A record the index lists but the store lacks fails the query, also with a
-  // repeated-field condition after it.
+  // An id the index lists but the store lacks fails the query.
   ASSERT_TRUE(LevelDbConnector::GetInstance().LookupConnection(path_)->Delete({}, "T:10").ok());
   EXPECT_EQ(api->RetrieveRecords(&ids, {{"a", Val(1)}, {"c", Val(1)}}, Tags({5})), -4);
 }

@@ -1,4 +1,4 @@
-// SqliteAPI: the statements it sends, its codes and error lines, and the file as sqlite3 sees it.
+// SqliteAPI: its codes and error lines, and the file as sqlite3 sees it.
 
 #include "sqlite_api.h"
 
@@ -89,8 +89,7 @@ TEST_F(SqliteApiTest, RefusalsPrintingAndDeletions) {
   EXPECT_EQ(api_.ClearTable({{"missing", {kInteger, {}}}}, &ids), -1);
   EXPECT_THAT(ids, ElementsAre(4u, 5u));
   EXPECT_EQ(log_.Count("ERROR! sqlite3_exec"), 2);
-  // Without a set scalar the WHERE clause begins with AND: refused, and
-  // DeleteRecords deletes nothing.
+  // A filter without a set scalar is refused: DeleteRecords deletes nothing.
   EXPECT_EQ(api_.RetrieveRecords(&ids, {{"a", Attribute(kInteger)}}, {{"f", {kInteger, {Int(3)}}}}),
             -1);
   EXPECT_TRUE(log_.Contains("ERROR! sqlite3_exec: err_msg='near \"AND\": syntax error'"));
@@ -152,7 +151,6 @@ TEST(SqliteJournal, FileHeldInRollbackModeKeepsItsMode) {
   EXPECT_THAT(other.Query("PRAGMA journal_mode;"), ElementsAre(db_test::Row{"delete"}));
 }
 
-// The stored text of the owner index of side table repeated_field_table_T_F.
 Row OwnerIndex(const std::string& field) {
   const std::string side = "repeated_field_table_T_" + field;
   return Row{"CREATE INDEX \"" + side + ":owner\" ON " + side + "(ID_T)"};

@@ -1,6 +1,5 @@
-// Writes a LevelDB and an SQLite store of every value kind and verifies such a pair value for
-// value and byte for byte, so that what one CPU writes another reads. `exchange PEER...`
-// writes for PEER to verify, then the reverse. Exits 0 when all passed, 1 if not, 2 on misuse.
+// Writes LevelDB and SQLite stores of every value kind and verifies them value and byte for byte;
+// `exchange PEER...` lets a peer of another CPU verify ours and we verify its. Exits 0, 1 or 2.
 
 #include <sqlite3.h>
 #include <sys/wait.h>
@@ -74,7 +73,6 @@ void Write(const std::string& dir) {
   }
 }
 
-// The first column of every row of `sql`, with sqlite3 itself.
 std::vector<std::string> RawSqlite(const std::string& path, const std::string& sql) {
   std::vector<std::string> rows;
   sqlite3* raw = nullptr;
@@ -146,7 +144,6 @@ void Verify(const std::string& dir) {
   }
 }
 
-// Runs `command` followed by `mode` and `dir`; true when it exits 0.
 bool Run(std::vector<std::string> command, const char* mode, const std::string& dir) {
   command.insert(command.end(), {mode, dir});
   int status = 0;
