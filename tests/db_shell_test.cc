@@ -121,7 +121,7 @@ class DbShellTest : public testing::TestWithParam<db::DbType> {
 
 // A LevelDB database held open by a daemon (here this process, whose handle
 // holds LevelDB's lock) is read from a private copy, recent writes included.
-TEST_P(DbShellTest, CommandsPrintWhatTheLibraryPrintsAndChangeNothing) {
+TEST_P(DbShellTest, CommandsPrintWhatTheLibraryPrintsChangeNothingAndSetTheExitStatus) {
   WriteDatabase();
   auto held = Table("ports");
   held->scalar_fields()["name"] = Val(std::string("late"));
@@ -150,10 +150,6 @@ TEST_P(DbShellTest, CommandsPrintWhatTheLibraryPrintsAndChangeNothing) {
     EXPECT_NE(std::string::npos, run.out.find(text)) << text;
   }
   EXPECT_EQ(before, Snapshot());
-}
-
-TEST_P(DbShellTest, ExitStatusAndStandardError) {
-  WriteDatabase();
   // Row: -c commands, standard input, exit status, stderr part; the output is Get Size links'.
   using Case = std::tuple<std::vector<std::string>, const char*, int, const char*>;
   const std::string size = "Get Size links";
@@ -169,7 +165,7 @@ TEST_P(DbShellTest, ExitStatusAndStandardError) {
        "refused"},
   };
   for (const auto& [commands, input, status, err] : cases) {
-    db_test::ProgramRun run = RunShell(Args(commands), input);
+    run = RunShell(Args(commands), input);
     EXPECT_EQ(status, run.status) << run.err;
     EXPECT_EQ(LibraryOutput({size}), run.out);
     EXPECT_NE(std::string::npos, run.err.find(err)) << run.err;
