@@ -242,16 +242,15 @@ std::string Frame(uint8_t command, uint32_t to, uint32_t from, const std::string
 
 TEST(IpcFrameTest, PrefixesAreRefusedAtTheFirstBadByte) {
   db::ipc::FrameHeader h;
-  auto parse = [&h](const std::string& bytes, size_t len) {
-    return db::ipc::ParseFrame(reinterpret_cast<const uint8_t*>(bytes.data()), len, &h);
-  };
   std::string find = Frame(db::ipc::kFind, 0, 0, std::string(2 * IPC_MAX_NAME + 1, 'n'));
-  EXPECT_EQ(parse(find, find.size()), db::ipc::ParseResult::kFrame);
-  EXPECT_EQ(parse(find, find.size() - 1), db::ipc::ParseResult::kNeedMore);
+  const auto* bytes = reinterpret_cast<const uint8_t*>(find.data());
+  EXPECT_EQ(db::ipc::ParseFrame(bytes, find.size(), &h), db::ipc::ParseResult::kFrame);
+  EXPECT_EQ(db::ipc::ParseFrame(bytes, find.size() - 1, &h), db::ipc::ParseResult::kNeedMore);
   for (size_t i = 0; i < 4; ++i) {  // version, command, two zero bytes
-    std::string bad = find;
-    bad[i] = i == 1 ? 99 : 2;
-    EXPECT_EQ(parse(bad, i + 1), db::ipc::ParseResult::kMalformed) << i;
+    const char kept = find[i];
+    find[i] = i == 1 ? 99 : 2;
+    EXPECT_EQ(db::ipc::ParseFrame(bytes, i + 1, &h), db::ipc::ParseResult::kMalformed) << i;
+    find[i] = kept;
   }
 }
 
