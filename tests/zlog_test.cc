@@ -1,8 +1,5 @@
 #include "zlog.h"
 
-#include <stdio.h>
-
-#include "qelmw.h"
 #include "support/test_util.h"
 
 namespace {
@@ -21,32 +18,6 @@ TEST(ZlogTest, LineFormat) {
             "db_intf 12 src/lib/db_object.cc:123 StoreObject: ERROR: table t1 id 7 code -4\n"
             "- 10 src/lib/x.cc:5 Init: hello\n- 12 :0 : \n- 12 f.cc:9 g: " +
                 payload + "|end\n");
-  // A null output restores standard error.
-  FILE* file = tmpfile();
-  ASSERT_NE(file, nullptr);
-  zlog_set_output(file);
-  zlog_set_output(nullptr);
-  EXPECT_EQ(db_test::CaptureStderr([] { zlog(nullptr, "f.cc", 4, "g", 1, 2, 12, "to stderr"); }),
-            "- 12 f.cc:2 g: to stderr\n");
-  EXPECT_EQ(ftell(file), 0);
-  fclose(file);
-}
-
-TEST(ZlogTest, CategoriesAndMiddlewareRegistration) {
-  zlog_category_t* a = zlog_get_category("alpha");
-  EXPECT_EQ(zlog_get_category("alpha"), a);
-  EXPECT_NE(zlog_get_category("beta"), a);
-  EXPECT_STREQ(zlog_category_name(a), "alpha");
-  EXPECT_EQ(zlog_get_category(nullptr), nullptr);
-  EXPECT_STREQ(zlog_category_name(nullptr), "-");
-
-  EXPECT_EQ(qelmw_create(nullptr), nullptr);
-  EXPECT_EQ(qelmw_trace_register_category("db_intf", nullptr), nullptr);
-  qelmw_t* mw = qelmw_create("app");
-  EXPECT_STREQ(qelmw_app_name(mw), "app");
-  EXPECT_EQ(qelmw_trace_register_category(nullptr, mw), nullptr);
-  EXPECT_EQ(qelmw_trace_register_category("db_intf", mw), zlog_get_category("db_intf"));
-  qelmw_destroy(mw);
 }
 
 }  // namespace
