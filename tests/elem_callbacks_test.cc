@@ -151,9 +151,9 @@ TEST_P(ElemCallbacksTest, CommandTextsRecordAndSizeOutputsAndErrorTexts) {
   EXPECT_EQ("Dump: 2 variable arguments\n", Run("Dump T", true));
 }
 
-TEST_P(ElemCallbacksTest, DumpSelectsByStartAndCount) {
+TEST_P(ElemCallbacksTest, DumpSelectsByRangeAndRetrieveRecordsByFilter) {
   MakeTable();
-  for (uint8_t i = 1; i <= 7; ++i) Store("n", i, {});
+  for (uint8_t i = 1; i <= 7; ++i) Store("n", i, {20, i});
   IdGenerator::GetInstance().set_last_id(9999);
   ASSERT_EQ(10000u, Store("n", 8, {}));
   ASSERT_EQ(0, object_->DeleteSingleObject(6));
@@ -172,18 +172,12 @@ TEST_P(ElemCallbacksTest, DumpSelectsByStartAndCount) {
     EXPECT_EQ(0u, output.rfind(kDumping, 0)) << line;
   }
   EXPECT_EQ(kDumping + kRule + "\n", Run("Dump T 5"));  // a start id alone dumps nothing
-}
-
-TEST_P(ElemCallbacksTest, RetrieveRecordsListsTheIdsThatMatch) {
-  MakeTable();
-  Store("a", 80, {10, 20});
-  Store("b", 81, {20});
-  Store("c", 80, {30});
   // Shown values typed back match.
-  const std::pair<const char*, std::vector<uint32_t>> cases[] = {
-      {"-s Port=80", {1, 3}}, {"-s Port=(unset),", {1, 2, 3}}, {"-s Port=80 -c Vlans=[20]", {1}},
-      {"-s Port=99", {}},     {"-s lim=eth_1/81", {2}},        {"-s uns=4294967216", {1, 3}}};
-  for (const auto& [args, ids] : cases)
+  const std::pair<const char*, std::vector<uint32_t>> filters[] = {
+      {"-s Port=2", {2}},      {"-s Port=(unset),", {1, 2, 3, 4, 5, 7, 10000}},
+      {"-s Port=99", {}},      {"-s name=n -c Vlans=[3]", {3}},
+      {"-s lim=eth_1/2", {2}}, {"-s uns=4294967294", {2}}};
+  for (const auto& [args, ids] : filters)
     EXPECT_EQ(IdsTable(ids), Run(std::string("Retrieve Records T ") + args)) << args;
   // A repeated-field condition alone is not supported by the backends.
   EXPECT_EQ(kNotAvailable, Run("Retrieve Records T -c Vlans=[20]"));
