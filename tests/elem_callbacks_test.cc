@@ -127,13 +127,16 @@ TEST_P(ElemCallbacksTest, CommandTextsRecordAndSizeOutputsAndErrorTexts) {
   // default-format texts show their blanks as "_".
   ASSERT_EQ(1u, Store("a b", 80, {10, 20}, {"", "x", ""}));
   Store("b", 2, {});
+  Store(std::string(155, 'x'), 3, {});  // cells beyond the widest column of 150 wrap
+  EXPECT_THAT(Run("Retrieve Record T 3"),
+              testing::HasSubstr("\ntxt       " + std::string(150, 'x') + "\n          xxxxx\n"));
   EXPECT_EQ(
       "Retrieving T information\n\nT internal Information\n" + kRule +
           "\nId        1\n          Content\nlim       eth_1/80\nname      a_b\nPort      80\n"
           "txt       a b\nuns       4294967216\ntags      , x,\nVlans     10, 20\n" +
           kRule + "\n",
       Run("Retrieve Record T 1"));
-  EXPECT_EQ("Getting Database size from T\n\nT database size\n--------\n2\n--------\n",
+  EXPECT_EQ("Getting Database size from T\n\nT database size\n--------\n3\n--------\n",
             Run("Get Size T"));
   for (const char* line :
        {"Dump T all", "Get Size T", "Retrieve Record T 2", "Retrieve Records T -s Port=2"})
