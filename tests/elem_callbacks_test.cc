@@ -186,8 +186,7 @@ TEST_P(ElemCallbacksTest, DumpSelectsByRangeAndRetrieveRecordsByFilter) {
   EXPECT_EQ(kNotAvailable, Run("Retrieve Records T -c Vlans=[20]"));
 }
 
-// A missing table is not available; a stored value that does not convert
-// becomes one error line, never an exception into the C shell.
+// A stored value that does not convert is one error line, never an exception into the C shell.
 TEST_P(ElemCallbacksTest, MissingTablesAndUnconvertibleValuesGiveOneErrorLine) {
   MakeTable(false);
   // Up to 4096 ids are probed one by one: a missing table shows none.

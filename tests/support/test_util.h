@@ -77,12 +77,10 @@ std::string CaptureStderr(Fn fn) {
 
 std::string ReadFile(const std::string& path);
 
-// The argv that starts `program` of this build: the blank-separated words of
-// $DB_INTF_TEST_EMULATOR (set by a cross build), then `program`.
+// The words of $DB_INTF_TEST_EMULATOR (set by a cross build), then `program`.
 std::vector<std::string> ProgramCommand(const std::string& program);
 
-// Starts `argv` with /dev/null as input and output to `out_fd` and `err_fd`;
-// the caller waits for the returned pid. Killed when the caller dies.
+// Starts `argv` reading /dev/null; the caller waits for the pid. Killed when the caller dies.
 pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd);
 
 struct ProgramRun {
@@ -95,8 +93,7 @@ ProgramRun RunProgram(const std::vector<std::string>& argv, const std::string& i
 
 std::string BackendName(const testing::TestParamInfo<db::DbType>& info);
 
-// What `line` printed on `group` (as the web interface with `web`); its
-// result in `*rc` when given.
+// What `line` printed on `group` (as the web interface with `web`); its result in `*rc`.
 std::string RunCommand(ELEM_CMD_GROUP_ST* group, const std::string& line, bool web = false,
                        int* rc = nullptr);
 
