@@ -30,10 +30,12 @@ const ELEM_CMD_CALLBACK kChecked[] = {ReturnsZero<ElemCallbacks::DumpObjectToEle
 class ElemCallbacksTest : public ::testing::TestWithParam<DbType> {
  protected:
   ElemCallbacksTest() { IdGenerator::GetInstance().Reset(); }  // ids count from 1
-  ~ElemCallbacksTest() override { ElemCmdGroupDestroy(group_), ElemCmdGroupDestroy(checked_); }
+  ~ElemCallbacksTest() override {
+    ElemCmdGroupDestroy(group_);
+    ElemCmdGroupDestroy(checked_);
+  }
 
-  // Table T (some fields renamed or hidden); its commands are installed on
-  // group_ and, checking their results, on checked_.
+  // Table T's commands on group_ and, checking their results, on checked_.
   void MakeTable(bool create = true) {
     object_ = std::make_unique<DbObject>(dir_.File("db"), "T", false, GetParam());
     const std::tuple<const char*, AttributeType, PrintFormat, const char*> scalars[] = {
@@ -125,13 +127,16 @@ TEST_P(ElemCallbacksTest, CommandTextsRecordAndSizeOutputsAndErrorTexts) {
   // default-format texts show their blanks as "_".
   ASSERT_EQ(1u, Store("a b", 80, {10, 20}, {"", "x", ""}));
   Store("b", 2, {});
+  Store(std::string(155, 'x'), 3, {});  // cells beyond the widest column of 150 wrap
+  EXPECT_THAT(Run("Retrieve Record T 3"),
+              testing::HasSubstr("\ntxt       " + std::string(150, 'x') + "\n          xxxxx\n"));
   EXPECT_EQ(
       "Retrieving T information\n\nT internal Information\n" + kRule +
           "\nId        1\n          Content\nlim       eth_1/80\nname      a_b\nPort      80\n"
           "txt       a b\nuns       4294967216\ntags      , x,\nVlans     10, 20\n" +
           kRule + "\n",
       Run("Retrieve Record T 1"));
-  EXPECT_EQ("Getting Database size from T\n\nT database size\n--------\n2\n--------\n",
+  EXPECT_EQ("Getting Database size from T\n\nT database size\n--------\n3\n--------\n",
             Run("Get Size T"));
   for (const char* line :
        {"Dump T all", "Get Size T", "Retrieve Record T 2", "Retrieve Records T -s Port=2"})
@@ -149,9 +154,9 @@ TEST_P(ElemCallbacksTest, CommandTextsRecordAndSizeOutputsAndErrorTexts) {
   EXPECT_EQ("Dump: 2 variable arguments\n", Run("Dump T", true));
 }
 
-TEST_P(ElemCallbacksTest, DumpSelectsByStartAndCount) {
+TEST_P(ElemCallbacksTest, DumpSelectsByRangeAndRetrieveRecordsByFilter) {
   MakeTable();
-  for (uint8_t i = 1; i <= 7; ++i) Store("n", i, {});
+  for (uint8_t i = 1; i <= 7; ++i) Store("n", i, {20, i});
   IdGenerator::GetInstance().set_last_id(9999);
   ASSERT_EQ(10000u, Store("n", 8, {}));
   ASSERT_EQ(0, object_->DeleteSingleObject(6));
@@ -159,11 +164,9 @@ TEST_P(ElemCallbacksTest, DumpSelectsByStartAndCount) {
   const std::pair<const char*, const char*> cases[] = {{"Dump T all", "1 2 3 4 5 7 10000"},
                                                        {"Dump T 5 all", "1 2 3 4 5 7 10000"},
                                                        {"Dump T * 3", "1 2 3"},
-                                                       {"Dump T * 2", "1 2"},
                                                        {"Dump T 5 3", "5 7"},
                                                        {"Dump T 3 100000", "3 4 5 7 10000"},
                                                        {"Dump T 5 0", ""},
-                                                       {"Dump T 100 2", ""},
                                                        {"Dump T 5000 5000", ""},
                                                        {"Dump T 5001 5000", "10000"}};
   for (const auto& [line, ids] : cases) {
@@ -172,32 +175,18 @@ TEST_P(ElemCallbacksTest, DumpSelectsByStartAndCount) {
     EXPECT_EQ(0u, output.rfind(kDumping, 0)) << line;
   }
   EXPECT_EQ(kDumping + kRule + "\n", Run("Dump T 5"));  // a start id alone dumps nothing
-}
-
-TEST_P(ElemCallbacksTest, RetrieveRecordsListsTheIdsThatMatch) {
-  MakeTable();
-  Store("a", 80, {10, 20});
-  Store("b", 81, {20});
-  Store("c", 80, {30});
   // Shown values typed back match.
-  const std::pair<const char*, std::vector<uint32_t>> cases[] = {
-      {"-s Port=80", {1, 3}},
-      {"-s Port=80,name=c,Unknown=1", {3}},
-      {"-s Port=(unset),", {1, 2, 3}},
-      {"-s Port=80 -c Vlans=[20]", {1}},
-      {"-s Port=80 -c Vlans=[30,20]", {1, 3}},
-      {"-s Port=99", {}},
-      {"-s lim=eth_1/81", {2}},
-      {"-s uns=4294967216", {1, 3}},
-      {"-sPort=81", {2}}};  // one argument
-  for (const auto& [args, ids] : cases)
+  const std::pair<const char*, std::vector<uint32_t>> filters[] = {
+      {"-s Port=2", {2}},      {"-s Port=(unset),", {1, 2, 3, 4, 5, 7, 10000}},
+      {"-s Port=99", {}},      {"-s name=n -c Vlans=[3]", {3}},
+      {"-s lim=eth_1/2", {2}}, {"-s uns=4294967294", {2}}};
+  for (const auto& [args, ids] : filters)
     EXPECT_EQ(IdsTable(ids), Run(std::string("Retrieve Records T ") + args)) << args;
   // A repeated-field condition alone is not supported by the backends.
   EXPECT_EQ(kNotAvailable, Run("Retrieve Records T -c Vlans=[20]"));
 }
 
-// A missing table is not available; a stored value that does not convert
-// becomes one error line, never an exception into the C shell.
+// A stored value that does not convert is one error line, never an exception into the C shell.
 TEST_P(ElemCallbacksTest, MissingTablesAndUnconvertibleValuesGiveOneErrorLine) {
   MakeTable(false);
   // Up to 4096 ids are probed one by one: a missing table shows none.

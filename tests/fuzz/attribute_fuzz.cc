@@ -1,5 +1,4 @@
-// Every rendering of arbitrary bytes in each kind of Attribute; the parser on
-// them in every print format, and reading back what each format shows.
+// Renderings of arbitrary bytes in each kind; parsing them and what each format shows.
 
 #include <cstring>
 
@@ -32,8 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       db::ElemParser::ParseValue(typed, text, format);
       db_fuzz::Require(typed.type() == value.type(), "a parsed value keeps the field's kind");
       const std::string shown = db::DbObject::RenderValue(value, format);
-      // The parser refuses formats 3, 4, 9, "(invalid)" and "(unset)"; numbers
-      // shown as interface names show id 0 and do not parse back.
+      // Refused by the parser; numbers shown as interface names show id 0.
       if (!value.is_set() || shown.empty() || shown == db::Attribute::kToStringInvalid ||
           shown == db::Attribute::kToStringUnset || format == db::kIpAddressAlt1 ||
           format == db::kIpAddressAlt2 || f > db::kUnsigned || (format == db::kLimId && numeric))

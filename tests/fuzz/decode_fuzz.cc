@@ -1,5 +1,4 @@
-// Stored LevelDB data (values, schema records, index list, record key; split at
-// 0x1E bytes), decoded directly and read back through the backend.
+// Stored LevelDB values, schema records, index list and key (split at 0x1E), decoded and read.
 
 #include <leveldb/db.h>
 #include <leveldb/write_batch.h>
@@ -20,7 +19,7 @@ void Decode(const std::string& scalar, const std::string& repeated) {
                                    {"c", Attribute(db::kFloat)},
                                    {"d", Attribute(db::kBytes)}};
   db::ScalarFields fields = schema;
-  serializer.DeserializeScalar(scalar, fields);  // catches its own errors
+  serializer.DeserializeScalar(scalar, fields);
   db::ScalarFields filter = schema;
   filter["b"] = "x";
   db_fuzz::AllowConversionErrors([&] { serializer.ScalarIsPresent(filter, scalar); });
@@ -78,7 +77,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   leveldb::WriteBatch batch;
   for (size_t i = 0; i < std::size(values); ++i) batch.Put(keys[i], *values[i]);
   db->Write({}, &batch);
-  // Damaged schema records and keys may throw those conversions out.
   db_fuzz::AllowConversionErrors([&] { ReadBack(path, parts, &keys); });
   batch.Clear();
   for (const std::string& key : keys) batch.Delete(key);

@@ -13,14 +13,13 @@ namespace db_fuzz {
 
 const std::string& Scratch() {
   static const std::string dir = [] {
-    static qelmw_t* middleware = qelmw_create("db-intf-fuzz");
-    db::Init(middleware);
+    db::Init(qelmw_create("db-intf-fuzz"));
     zlog_set_output(Sink());
-    std::string pattern = std::filesystem::temp_directory_path().string() + "/db-intf-fuzz-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) abort();
-    static std::string removed_at_exit = pattern;
-    atexit([] { std::filesystem::remove_all(removed_at_exit); });
-    return pattern;
+    static std::string path =
+        std::filesystem::temp_directory_path().string() + "/db-intf-fuzz-XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) abort();
+    atexit([] { std::filesystem::remove_all(path); });
+    return path;
   }();
   return dir;
 }
@@ -60,15 +59,22 @@ std::unique_ptr<db::DbObject> PopulatedTable(db::DbType type, const std::string&
   using Bytes = std::vector<uint8_t>;
   for (uint8_t i = 1; i <= 5; ++i) {
     object->ClearObject();
+    const std::string n = std::to_string(i);
     db::ScalarFields& s = object->scalar_fields();
-    s["num"] = i * 10, s["hex"] = 0xA0 + i, s["uns"] = -int32_t{i};
-    s["name"] = "port " + std::to_string(i), s["ratio"] = static_cast<float>(i) / 2;
-    s["ip"] = Bytes{10, 0, 0, i}, s["pfx"] = Bytes{10, 0, i, 0, 255, 255, 255, 0};
+    s["num"] = i * 10;
+    s["hex"] = 0xA0 + i;
+    s["uns"] = -int32_t{i};
+    s["name"] = "port " + n;
+    s["ratio"] = static_cast<float>(i) / 2;
+    s["ip"] = Bytes{10, 0, 0, i};
+    s["pfx"] = Bytes{10, 0, i, 0, 255, 255, 255, 0};
     s["alt"] = Bytes{0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, i};
-    s["mac"] = Bytes{2, 0, 0x5e, 0, 0, i}, s["smac"] = "aa:bb:cc:dd:ee:0" + std::to_string(i);
-    s["lim"] = Bytes{1, 1, 0, i}, s["raw"] = Bytes{0, 0xFF, i};
+    s["mac"] = Bytes{2, 0, 0x5e, 0, 0, i};
+    s["smac"] = "aa:bb:cc:dd:ee:0" + n;
+    s["lim"] = Bytes{1, 1, 0, i};
+    s["raw"] = Bytes{0, 0xFF, i};
     object->composite_fields()["vlans"].second = {db_test::Int(i), db_test::Int(100 + i)};
-    object->composite_fields()["tags"].second = {db_test::Val("t" + std::to_string(i))};
+    object->composite_fields()["tags"].second = {db_test::Val("t" + n)};
     uint32_t id = 0;
     object->StoreObject(&id);
   }
@@ -76,7 +82,9 @@ std::unique_ptr<db::DbObject> PopulatedTable(db::DbType type, const std::string&
 }
 
 void Require(bool ok, const char* what) {
-  if (!ok) fprintf(stderr, "property broken: %s\n", what), abort();
+  if (ok) return;
+  fprintf(stderr, "property broken: %s\n", what);
+  abort();
 }
 
 }  // namespace db_fuzz

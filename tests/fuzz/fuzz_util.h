@@ -13,21 +13,18 @@
 
 namespace db_fuzz {
 
-// Starts the library once, its log going to Sink(); a scratch directory
-// removed at exit.
+// Starts the library once, logging to Sink() (/dev/null); a directory removed at exit.
 const std::string& Scratch();
-FILE* Sink();  // /dev/null
+FILE* Sink();
 // `data` split at every `separator` byte (an empty input gives one empty part).
 std::vector<std::string> Split(const uint8_t* data, size_t size, char separator);
-// `table` in `path` with a scalar field per kind and print format, two repeated
-// fields (LevelDB: an index on two fields) and five records.
+// Five records with a field per kind and print format, two repeated (LevelDB: an index).
 std::unique_ptr<db::DbObject> PopulatedTable(db::DbType type, const std::string& path,
                                              const std::string& table);
 // Aborts with `what` unless `ok`: a broken property is a finding.
 void Require(bool ok, const char* what);
 
-// Runs `fn`, ending quietly on the conversion errors (std::stoi, std::stoul,
-// substr) the library lets pass from damaged values.
+// Runs `fn`, ending quietly on the conversion errors the library lets pass from damaged values.
 template <class Fn>
 void AllowConversionErrors(Fn fn) {
   try {

@@ -1,5 +1,4 @@
-// The messaging frame parser on a client's or peer router's byte stream, and
-// the names those frames carry.
+// The messaging frame parser on a client's or peer router's stream, and the names it carries.
 
 #include <cstdlib>
 #include <cstring>
@@ -15,8 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   size_t pos = 0;
   FrameHeader h;
   while (db::ipc::ParseFrame(data + pos, size - pos, &h) == ParseResult::kFrame) {
-    // A frame lies inside the input, keeps its command's limit, and encodes
-    // back to the very header bytes it was read from.
+    // Inside the input, within its command's limit, encoding back to the same header bytes.
     const size_t len = db::ipc::kFrameHeaderSize + h.size;
     uint8_t again[db::ipc::kFrameHeaderSize];
     db::ipc::EncodeFrameHeader(h, again);

@@ -1,5 +1,4 @@
-// MAC, IPv4/IPv6 prefix and interface name parsers: what they accept, and
-// every byte form, renders to a text that parses back to the same value.
+// MAC, prefix and interface name parsers: what they accept, and every byte form, round-trips.
 
 #include <cstring>
 

@@ -90,14 +90,14 @@ std::vector<std::string> ProgramCommand(const std::string& program) {
 
 namespace {
 
-pid_t Start(std::vector<std::string> args, int in_fd, int out_fd, int err_fd) {
+pid_t Start(std::vector<std::string> args, const std::string& input, int out_fd, int err_fd) {
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
   const pid_t pid = fork();
   if (pid != 0) return pid;
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives the test, even one that dies
-  dup2(in_fd, 0);
+  dup2(open(input.c_str(), O_RDONLY), 0);
   dup2(out_fd, 1);
   dup2(err_fd, 2);
   execvp(argv[0], argv.data());
@@ -107,20 +107,17 @@ pid_t Start(std::vector<std::string> args, int in_fd, int out_fd, int err_fd) {
 }  // namespace
 
 pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd) {
-  const int null_fd = open("/dev/null", O_RDONLY);
-  const pid_t pid = Start(argv, null_fd, out_fd, err_fd);
-  close(null_fd);
-  return pid;
+  return Start(argv, "/dev/null", out_fd, err_fd);
 }
 
 ProgramRun RunProgram(const std::vector<std::string>& argv, const std::string& input) {
   TempDir io;
   std::ofstream(io.File("in")) << input;
-  const int in = open(io.File("in").c_str(), O_RDONLY);
   const int out = open(io.File("out").c_str(), O_WRONLY | O_CREAT, 0600);
   const int err = open(io.File("err").c_str(), O_WRONLY | O_CREAT, 0600);
-  const pid_t pid = Start(argv, in, out, err);
-  close(in), close(out), close(err);
+  const pid_t pid = Start(argv, io.File("in"), out, err);
+  close(out);
+  close(err);
   int status = 0;
   for (int waited_ms = 0; waitpid(pid, &status, WNOHANG) == 0; waited_ms += 5) {
     if (waited_ms >= 60000) kill(pid, SIGKILL);

@@ -1,5 +1,4 @@
-// Helpers shared by the test suites, with the standard headers, gtest and
-// gmock that nearly all of them use.
+// Helpers shared by the test suites, with the headers nearly all of them use.
 
 #ifndef DB_INTF_TESTS_SUPPORT_TEST_UTIL_H_
 #define DB_INTF_TESTS_SUPPORT_TEST_UTIL_H_
@@ -51,8 +50,7 @@ class TempDir {
   std::string path_;
 };
 
-// Captures the zlog lines written while it exists; starts the library first
-// (InitLibrary).
+// Captures the zlog lines written while it exists; calls InitLibrary first.
 class LogCapture {
  public:
   LogCapture();
@@ -68,10 +66,8 @@ class LogCapture {
   FILE* file_;
 };
 
-// Calls db::Init once per process with a middleware handle.
 void InitLibrary();
 
-// What `fn` writes to file descriptor 2.
 template <class Fn>
 std::string CaptureStderr(Fn fn) {
   testing::internal::CaptureStderr();
@@ -81,35 +77,28 @@ std::string CaptureStderr(Fn fn) {
 
 std::string ReadFile(const std::string& path);
 
-// The argv that starts `program` of this build: the blank-separated words of
-// $DB_INTF_TEST_EMULATOR (set by a cross build), then `program`.
+// The words of $DB_INTF_TEST_EMULATOR (set by a cross build), then `program`.
 std::vector<std::string> ProgramCommand(const std::string& program);
 
-// Starts `argv` with /dev/null as input and output to `out_fd` and `err_fd`;
-// the caller waits for the returned pid. Killed when the caller dies.
+// Starts `argv` reading /dev/null; the caller waits for the pid. Killed when the caller dies.
 pid_t StartProgram(const std::vector<std::string>& argv, int out_fd, int err_fd);
 
-// status: the exit status, or -1 when killed by a signal or after a minute.
 struct ProgramRun {
-  int status = -1;
+  int status = -1;  // -1 when killed by a signal or after a minute
   std::string out, err;
 };
 
 // Runs `argv` with `input` as standard input and waits for it.
 ProgramRun RunProgram(const std::vector<std::string>& argv, const std::string& input = "");
 
-// "Sqlite" or "LevelDb", as test name suffix.
 std::string BackendName(const testing::TestParamInfo<db::DbType>& info);
 
-// What `line` printed on `group` (as the web interface with `web`); its
-// result in `*rc` when given.
+// What `line` printed on `group` (as the web interface with `web`); its result in `*rc`.
 std::string RunCommand(ELEM_CMD_GROUP_ST* group, const std::string& line, bool web = false,
                        int* rc = nullptr);
 
-// The free ids of the process-wide allocator (small tests only).
 std::set<uint32_t> FreeIds();
 
-// `values` without its unset elements.
 std::vector<db::Attribute> SetOnly(std::vector<db::Attribute> values);
 
 }  // namespace db_test
