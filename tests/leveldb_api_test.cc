@@ -248,6 +248,18 @@ TEST_F(LeveldbApiTest, IndexAndScanAgreeWithTheRecords) {
   }
 }
 
+// A record is selected only when every repeated field of the filter matches, not only the last.
+TEST_F(LeveldbApiTest, EveryRepeatedFieldOfTheFilterMustMatch) {
+  auto two = [](int32_t p, int32_t q) {
+    return CompositeFields{{"p", {kInteger, {Val(p)}}}, {"q", {kInteger, {Val(q)}}}};
+  };
+  auto api = Open();
+  ASSERT_EQ(api->CreateTable(Record(), two(0, 0)), 0);
+  ASSERT_EQ(api->StoreRecord(1, Record(1), two(1, 2)), 0);
+  EXPECT_EQ(Query(*api, Record(), two(9, 2)), Ids{});
+  EXPECT_EQ(Query(*api, Record(), two(1, 2)), Ids{1});
+}
+
 TEST_F(LeveldbApiTest, OrderAndRefusedFilters) {
   auto api = Created();
   ASSERT_EQ(api->StoreRecord(10, Record(1, "x", 1), Tags({5})), 0);

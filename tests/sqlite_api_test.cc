@@ -49,6 +49,66 @@ class SqliteApiTest : public ::testing::Test {
   SqliteAPI api_;
 };
 
+// The statements each operation sends, in order; unset values and empty maps send none.
+TEST_F(SqliteApiTest, StatementsSent) {
+  CreateDefaultTable();
+  std::vector<std::string> sent;
+  sqlite3_trace_v2(
+      api_.handle(), SQLITE_TRACE_STMT,
+      [](unsigned, void* log, void*, void* sql) {
+        static_cast<std::vector<std::string>*>(log)->push_back(static_cast<const char*>(sql));
+        return 0;
+      },
+      &sent);
+  const uint32_t id = 4000000000u;
+  const CompositeFields stored = {{"f", {kInteger, {Int(10), Attribute(kInteger), Int(11)}}},
+                                  {"g", {kString, {}}}};
+  ASSERT_EQ(
+      api_.StoreRecord(id, {{"a", Int(1)}, {"b", Str("x")}, {"c", Attribute(kFloat)}}, stored), 0);
+  ASSERT_EQ(api_.StoreRecord(6, {{"a", Attribute(kInteger)}}, {}), 0);
+  ASSERT_EQ(api_.UpdateRecord(id, {{"a", Int(2)}, {"b", Str("y")}}, {{"g", {kString, {Str("z")}}}}),
+            0);
+  ASSERT_EQ(api_.UpdateRecord(id, {{"a", Attribute(kInteger)}}, {}), 0);
+  ASSERT_EQ(api_.DeleteRecord(6, {"f", "g"}), 0);
+  int size = -1;
+  ASSERT_EQ(api_.GetTableSize(&size), 0);
+  ScalarFields scalar = Schema();
+  CompositeFields composite = {{"f", {kInteger, {}}}};
+  ASSERT_EQ(api_.RetrieveRecord(id, &scalar, &composite), 0);
+  std::vector<uint32_t> ids;
+  // Unset values impose nothing.
+  ASSERT_EQ(api_.RetrieveRecords(&ids, {{"a", Attribute(kInteger)}},
+                                 {{"f", {kInteger, {Attribute(kInteger)}}}}),
+            0);
+  ASSERT_EQ(api_.RetrieveRecords(&ids, {{"a", Int(2)}, {"b", Str("y")}}, {}), 0);
+  // Both elements match: the id comes once.
+  ASSERT_EQ(api_.RetrieveRecords(&ids, {{"a", Int(2)}}, {{"f", {kInteger, {Int(10), Int(11)}}}}),
+            0);
+  EXPECT_THAT(ids, ElementsAre(id));
+  ASSERT_EQ(api_.DestroyTable({{"f", {kInteger, {}}}, {"g", {kString, {}}}}), 0);
+  const std::string side_f = "repeated_field_table_T_f", side_g = "repeated_field_table_T_g";
+  EXPECT_THAT(
+      sent,
+      ElementsAre(
+          "INSERT INTO T (ID, a,b) VALUES (4000000000, 1,'x');", "BEGIN TRANSACTION",
+          "INSERT INTO " + side_f + "(ID_T, f) VALUES (4000000000, 10);",
+          "INSERT INTO " + side_f + "(ID_T, f) VALUES (4000000000, 11);", "END TRANSACTION",
+          "INSERT INTO T (ID) VALUES (6);", "BEGIN TRANSACTION", "END TRANSACTION",
+          "UPDATE T SET a=2 , b='y'  WHERE ID=4000000000;", "BEGIN TRANSACTION",
+          "DELETE FROM " + side_g + " WHERE ID_T=4000000000;", "END TRANSACTION",
+          "BEGIN TRANSACTION", "INSERT INTO " + side_g + "(ID_T, g) VALUES (4000000000, 'z');",
+          "END TRANSACTION", "BEGIN TRANSACTION", "DELETE FROM " + side_f + " WHERE ID_T=6;",
+          "DELETE FROM " + side_g + " WHERE ID_T=6;", "END TRANSACTION",
+          "DELETE FROM T WHERE ID=6;", "SELECT COUNT(*) FROM T;",
+          "SELECT ID FROM T WHERE ID=4000000000;", "SELECT * FROM T WHERE ID=4000000000;",
+          "BEGIN TRANSACTION", "SELECT f FROM " + side_f + " WHERE ID_T=4000000000;",
+          "END TRANSACTION", "SELECT ID FROM T;", "SELECT ID FROM T WHERE a=2 AND b='y' ;",
+          "SELECT T.ID FROM T INNER JOIN " + side_f + " ON T.ID=" + side_f +
+              ".ID_T WHERE T.a=2  AND (" + side_f + ".f IN (10, 11) );",
+          "BEGIN TRANSACTION", "DROP TABLE " + side_f + ";", "DROP TABLE " + side_g + ";",
+          "END TRANSACTION", "DROP TABLE T;"));
+}
+
 TEST_F(SqliteApiTest, RefusalsPrintingAndDeletions) {
   ASSERT_EQ(api_.CreateTable({}, {}), 0);
   EXPECT_EQ(api_.DestroyTable({{"f", {kInteger, {}}}}), -1);
