@@ -123,6 +123,7 @@ TEST(SerializerTest, AddScalarFieldPlacesAnEmptyEntryByName) {
   const std::vector<std::tuple<std::string, std::string, std::string, std::string>> cases = {
       {"2,1,1,a,b", "m", "amz", "3,1,0,1,a,,b"},
       {"2,1,1,x,y", "a", "abc", "3,0,1,1,,x,y"},
+      {"2,1,1,x,y", "z", "abz", "3,1,1,0,x,y,"},
       {"1,3,a,b", "c", "ac", "2,3,0,a,b,"}};
   for (const auto& [stored, field, names, expected] : cases) {
     ScalarFields schema;  // One field per letter of `names`.
