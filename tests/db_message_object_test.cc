@@ -112,7 +112,7 @@ class MessageStoreTest : public ::testing::TestWithParam<db::DbType> {
 };
 
 // A filter is made of the fields a message sets, a field set to its default included.
-TEST_P(MessageStoreTest, RoundTripUpdateFilterAndDelete) {
+TEST_P(MessageStoreTest, RoundTripUpdateFilterDeleteAndMixedRecords) {
   for (const char* text : {"i32: 1 label: 'x' numbers: [1, 2]", "i32: 1 label: 'y' numbers: 3",
                            "i32: 2 label: 'x' numbers: 2", "label: 'z'"}) {
     Store(Msg(text));
@@ -157,33 +157,30 @@ TEST_P(MessageStoreTest, RoundTripUpdateFilterAndDelete) {
   EXPECT_EQ(-1, object_.RetrieveMixedObject(id, &wrong_out, &left, &left_c));
   EXPECT_TRUE(left.empty() && left_c.empty());
   EXPECT_TRUE(log_.Contains("is not a field of message type='db_test.Nested'"));
-}
 
-// Numbers that do not fit the message are refused or logged.
-TEST_P(MessageStoreTest, MixedRecordsAndNumbersThatDoNotFit) {
+  // A mixed record; numbers that do not fit the message are refused or logged.
   AllTypes m = Full();
   ASSERT_EQ(0, object_.ParseFromMessage(&m));
   object_.scalar_fields()["vlan"] = 42;
   object_.composite_fields()["tags"].second = {Str("red")};
-  uint32_t id = 0;
-  ASSERT_EQ(0, object_.StoreObject(&id));
-  AllTypes out;
+  uint32_t mixed = 0;
+  ASSERT_EQ(0, object_.StoreObject(&mixed));
   ScalarFields scalar = {{"stale", Int(1)}};
   CompositeFields composite;
-  ASSERT_EQ(0, object_.RetrieveMixedObject(id, &out, &scalar, &composite));
+  ASSERT_EQ(0, object_.RetrieveMixedObject(mixed, &out, &scalar, &composite));
   EXPECT_EQ((ScalarFields{{"vlan", Int(42)}}), scalar);
   EXPECT_EQ((CompositeFields{{"tags", {db::kString, {Str("red")}}}}), composite);
-  ExpectStored(id, m);
+  ExpectStored(mixed, m);
   AllTypes wide = Full();
   wide.set_i64(5000000000ll);
-  EXPECT_THROW(object_.StoreMessageObject(&id, &wide), std::out_of_range);
+  EXPECT_THROW(object_.StoreMessageObject(&mixed, &wide), std::out_of_range);
 
   // An enum number the type lacks is logged and leaves the field unset.
   object_.scalar_fields()["color"] = 3;
   object_.composite_fields()["colors"].second = {Int(1), Int(4), Int(5)};
-  ASSERT_EQ(0, object_.UpdateObject(id));
+  ASSERT_EQ(0, object_.UpdateObject(mixed));
   out.Clear();
-  ASSERT_EQ(0, object_.RetrieveMessageObject(id, &out));
+  ASSERT_EQ(0, object_.RetrieveMessageObject(mixed, &out));
   EXPECT_FALSE(out.has_color());
   EXPECT_EQ(2, out.colors_size());
   EXPECT_EQ(db_test::BLUE, out.colors(1));

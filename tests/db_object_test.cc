@@ -240,13 +240,11 @@ TEST_F(DbObjectTest, DisconnectedOperationsReturnMinus2AfterResettingOutputs) {
   EXPECT_EQ(object_.AppendCompositeAttribute("r", Int(1), db::kDefault), -2);
   std::vector<uint32_t> ids{1, 2};
   int size = 12;
-  ScalarFields scalar;
-  CompositeFields composite;
   uint32_t id = 0;
   const std::vector<int> results = {
       object_.RetrieveObjects(&ids),    object_.GetObjTableSize(&size),
       object_.StoreObject(&id),         object_.StoreObject(nullptr),
-      object_.UpdateObject(1),          object_.RetrieveObject(1, &scalar, &composite),
+      object_.UpdateObject(1),          object_.RetrieveObject(1, nullptr, nullptr),
       object_.TraverseObjects(nullptr), object_.DeleteSingleObject(1),
       object_.DeleteMultipleObjects(),  object_.AddTableIndex("i", {"a"}),
       object_.ClearObjTable(),          object_.DestroyObjTables(),
