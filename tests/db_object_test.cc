@@ -330,7 +330,6 @@ TEST_F(DbObjectTest, TextRenderings) {
   const std::vector<std::pair<std::vector<Attribute>, std::string>> cases = {
       {{Int(1), Int(2), unset}, "l: 1, 2, \n"},  // the separator stays before the break
       {{Int(1), unset, Int(3)}, "l: 1, 3\n"},
-      {{}, "l: \n"},
   };
   for (const auto& [elements, line] : cases) {
     Set(1, elements);
