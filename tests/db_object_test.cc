@@ -292,7 +292,7 @@ TEST_F(DbObjectTest, TraversalFiltersByCurrentRecordStopsEarlyAndFails) {
 
 // Only the first object of a database name resynchronises on construction; stored ids below
 // last_id leave the free set; an empty table returns 0 and clears the record.
-TEST(DbObjectResynchronizeTest, FirstObjectOfADatabaseAndIdsBelowLastId) {
+TEST(DbObjectIdTest, ResynchronisationReuseAndWrap) {
   FakeObject first("shared.db", {2});
   EXPECT_THAT(first.backend().calls, ElementsAre("RetrieveRecords"));
   FakeObject second("shared.db", {50});
@@ -314,10 +314,9 @@ TEST(DbObjectResynchronizeTest, FirstObjectOfADatabaseAndIdsBelowLastId) {
   empty.scalar_fields()["a"] = 8;
   EXPECT_EQ(empty.ResynchronizeDb(false), 0);
   EXPECT_EQ(empty.scalar_fields().at("a"), Attribute(db::kInteger));
-}
 
-// A released id goes out again once however often it was released; the counter wraps to 0.
-TEST(IdGeneratorTest, HandsOutReleasedIdsOnceAndWraps) {
+  // A released id goes out again once however often it was released; the counter wraps to 0.
+  db::IdGenerator::GetInstance().Reset();
   db::IdGenerator::GetInstance().set_last_id(UINT32_MAX - 1);
   for (uint32_t id : {UINT32_MAX, 0u, 1u}) EXPECT_EQ(db::DbObject::GetNextId(), id);
   db::DbObject::ReleaseId(0);
@@ -356,20 +355,18 @@ TEST_F(DbObjectTest, TextRenderings) {
   EXPECT_EQ(object_.TraverseAttributes(), 0);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "Fields:\n    a\n    b\n    c\nRepeated Fields:\n    l\n    m\n");
-}
 
-// Formats 3 and 4 render as 2 (IP address), unknown ones as 0 (default).
-TEST(RenderValueTest, DispatchesByFormat) {
+  // Formats 3 and 4 render as 2 (IP address), unknown ones as 0 (default).
   const Attribute ip = Bytes({192, 168, 1, 1}), hex = Bytes({0x0A, 0xFF});
-  const std::vector<std::tuple<int, Attribute, std::string>> cases = {
+  const std::vector<std::tuple<int, Attribute, std::string>> formats = {
       {1, Int(-1), "0xffffffff"},  {1, hex, "0x0AFF"},
       {3, ip, "192.168.1.1"},      {2, hex, "(invalid)"},
       {5, ip, "(invalid)"},        {6, ip, "(invalid)"},
-      {7, ip, ip.ToLimIdString()}, {8, Int(-1), "4294967295"},
+      {7, ip, "limid 0xc0a80101"}, {8, Int(-1), "4294967295"},
       {0, Int(-1), "-1"},          {9, Int(-1), "-1"},
       {-1, hex, "0x0AFF"},         {6, Attribute(db::kBytes), "(unset)"},
   };
-  for (const auto& [format, value, expected] : cases) {
+  for (const auto& [format, value, expected] : formats) {
     EXPECT_EQ(db::DbObject::RenderValue(value, static_cast<db::PrintFormat>(format)), expected)
         << format;
   }

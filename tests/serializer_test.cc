@@ -73,7 +73,7 @@ TEST(SerializerTest, PutOnBatchKeys) {
                                   {field + ":T:8", lengths + ",600" + texts + "," + big}}));
 }
 
-TEST(SerializerTest, DecodingAndItsFailures) {
+TEST(SerializerTest, DecodingFailuresAndFilters) {
   Serializer s;
   ScalarFields f = {{"a", Attribute(kInteger)}, {"b", Val("old")}};
   s.DeserializeScalar("1,3,12x", f);  // std::stoi stops at the first non-digit.
@@ -95,13 +95,10 @@ TEST(SerializerTest, DecodingAndItsFailures) {
             1);
   EXPECT_EQ(log.Count("ERROR: Failed to deserialize the composite attributes, exception='stoi'"),
             1);
-}
 
-TEST(SerializerTest, FiltersCompareStoredTexts) {
   // Text forms are compared, not typed values: "5" matches the integer 5.
   const std::vector<std::pair<Attribute, bool>> scalars = {
       {Attribute(kInteger), true}, {Val(5), true}, {Val(6), false}, {Val("5"), true}};
-  Serializer s;
   for (const auto& [value, present] : scalars) {
     ScalarFields filter = {{"a", value}, {"b", Attribute(kString)}, {"c", Val("")}};
     EXPECT_EQ(s.ScalarIsPresent(filter, "3,1,2,0,5,xy,"), present) << value.ToString();
