@@ -71,9 +71,7 @@ TEST(MessageConversionTest, TextsByCppType) {
   EXPECT_EQ("NULL", DbMessageObject::GetScalarValueAsString(&m, Field("numbers")));
   EXPECT_EQ(-1, DbMessageObject::SetScalarField(&m, Field("numbers"), "1"));
   EXPECT_EQ(-1, DbMessageObject::AddCompositeField(&m, Field("i32"), "1"));
-  db_test::Nested other;
-  EXPECT_EQ(-1, DbMessageObject::SetScalarField(&other, Field("i32"), "1"));
-  EXPECT_EQ(5, log.Count("ERROR!"));
+  EXPECT_EQ(4, log.Count("ERROR!"));
 
   // 64-bit integers are held in 32 bits: a wider text cannot be written back.
   AllTypes empty;
