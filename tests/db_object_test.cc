@@ -290,7 +290,7 @@ TEST_F(DbObjectTest, TraversalFiltersByCurrentRecordStopsEarlyAndFails) {
 }
 
 // Only the first object of a database name resynchronises on construction; stored ids below
-// last_id leave the free set; an empty table returns 0 and clears the record.
+// last_id leave the free set.
 TEST(DbObjectIdTest, ResynchronisationReuseAndWrap) {
   FakeObject first("shared.db", {2});
   EXPECT_THAT(first.backend().calls, ElementsAre("RetrieveRecords"));
@@ -307,12 +307,6 @@ TEST(DbObjectIdTest, ResynchronisationReuseAndWrap) {
   EXPECT_EQ(below.ResynchronizeDb(false), 5);
   below.backend().records[6] = {};  // equal to last_id: frees nothing
   EXPECT_EQ(below.ResynchronizeDb(true), 5);
-
-  FakeObject empty("empty.db");
-  Declare(&empty);
-  empty.scalar_fields()["a"] = 8;
-  EXPECT_EQ(empty.ResynchronizeDb(false), 0);
-  EXPECT_EQ(empty.scalar_fields().at("a"), Attribute(db::kInteger));
 
   // A released id goes out again once however often it was released; the counter wraps to 0.
   db::IdGenerator::GetInstance().Reset();
