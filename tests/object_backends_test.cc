@@ -57,7 +57,6 @@ void ExpectStored(const db::DbObject& object, uint32_t id, const Rec& r) {
   EXPECT_EQ(SetOnly(composite.at("ports").second), ports) << id;
 }
 
-// All ids matching the filters, sorted.
 std::vector<uint32_t> Ids(const db::DbObject& object, const ScalarFields& scalar = {},
                           const CompositeFields& composite = {}) {
   std::vector<uint32_t> ids{77};
@@ -102,9 +101,8 @@ class BackendTest : public testing::TestWithParam<const char*> {
   std::unique_ptr<db::DatabaseAPI> keep_alive_;
 };
 
-// Texts that could end a quoted SQL text, a statement or a stored length, 1 MB texts, the
-// integer limits and a subnormal float come back exactly, stored and updated, and change no
-// other record.
+// Texts that could end a quoted SQL text, a statement or a stored length, 1 MB texts, integer
+// limits and a subnormal float come back exactly, stored and updated, changing no other record.
 TEST_P(BackendTest, EveryTypeAndHostileValuesRoundTripAndUpdate) {
   auto object = Open(false);
   ASSERT_EQ(object->AppendCompositeAttribute("notes", Attribute(db::kString), db::kDefault), 0);
@@ -143,8 +141,7 @@ TEST_P(BackendTest, EveryTypeAndHostileValuesRoundTripAndUpdate) {
   ScalarFields scalar;
   CompositeFields composite;
   EXPECT_EQ(object->RetrieveObject(42, &scalar, &composite), -4);
-  // SQLite keeps a set empty string; the LevelDB value format cannot tell an
-  // empty text from an absent one, so it reads back unset there.
+  // LevelDB's value format cannot tell an empty text from an absent one: it reads back unset.
   const uint32_t blank = Store(object.get(), Rec{1, 1, "", 1.0f, {1}, {}});
   ASSERT_EQ(object->RetrieveObject(blank, &scalar, &composite), 0);
   EXPECT_EQ(scalar.at("label"), is_leveldb() ? Attribute(db::kString) : Val(std::string()));
@@ -205,8 +202,7 @@ TEST_P(BackendTest, FiltersAndDeletes) {
   EXPECT_EQ(FreeIds(), (std::set<uint32_t>{1, 2, 3, 4, 5}));
 }
 
-// The declared schema outlives an emptied current record (an undecodable LevelDB value, or
-// the caller).
+// The declared schema outlives an emptied current record (undecodable LevelDB value, caller).
 TEST_P(BackendTest, SchemaOutlivesAnEmptiedRecord) {
   auto object = Open();
   const Rec good{1, 0, "good", 1.0f, {1}, {7}};
