@@ -4,7 +4,6 @@
 
 #include "db/db_object.h"
 #include "sqlite_api.h"
-#include "support/leveldb_util.h"
 #include "support/test_util.h"
 
 namespace db_test {
@@ -200,25 +199,6 @@ TEST_P(BackendTest, FiltersAndDeletes) {
   ASSERT_EQ(object->ClearObjTable(), 0);
   EXPECT_EQ(Size(*object), 0);
   EXPECT_EQ(FreeIds(), (std::set<uint32_t>{1, 2, 3, 4, 5}));
-}
-
-// The declared schema outlives an emptied current record (undecodable LevelDB value, caller).
-TEST_P(BackendTest, SchemaOutlivesAnEmptiedRecord) {
-  auto object = Open();
-  const Rec good{1, 0, "good", 1.0f, {1}, {7}};
-  const uint32_t id = Store(object.get(), good);
-  ScalarFields scalar;
-  CompositeFields composite;
-  const uint32_t damaged = Store(object.get(), Rec{});
-  if (is_leveldb()) PutRaw(db_name_, "records:" + std::to_string(damaged), "x,");
-  if (is_leveldb()) object->RetrieveObject(damaged, &scalar, &composite);
-  if (!is_leveldb()) object->scalar_fields().clear();
-  EXPECT_THAT(object->scalar_fields(), IsEmpty());
-  EXPECT_EQ(object->UpdateObject(damaged), 0);
-  object->scalar_fields().clear();
-  object->ClearObject();
-  EXPECT_EQ(object->scalar_fields().size(), ScalarsOf(good).size());
-  ExpectStored(*object, id, good);
 }
 
 INSTANTIATE_TEST_SUITE_P(AllBackends, BackendTest,

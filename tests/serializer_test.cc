@@ -4,7 +4,6 @@
 
 #include <leveldb/write_batch.h>
 
-#include "support/leveldb_util.h"
 #include "support/test_util.h"
 
 namespace db {
@@ -54,23 +53,11 @@ TEST(SerializerTest, PutOnBatchKeys) {
                                 {"unset", {kString, {Attribute(kString)}}}};
   Serializer().PutOnBatch(batch, "T", 7, {{"a", Val(5)}}, composites);
   Serializer().PutOnBatch(batch, "T", 4294967295u, {}, {});
-  // More values, a longer value and a longer key than fit on the stack.
-  const std::string field(130, 'f'), big(600, 'b');
-  Values many(16, Val(7));
-  many.push_back(Val(big));
-  std::string lengths = "17", texts;
-  for (int i = 0; i < 16; ++i) {
-    lengths += ",1";
-    texts += ",7";
-  }
-  Serializer().PutOnBatch(batch, "T", 8, {}, {{field, {kInteger, many}}});
   ASSERT_TRUE(batch.Iterate(&contents).ok());
   EXPECT_EQ(contents.puts, (Texts{{"T:7", "1,1,5"},
                                   {"unset:T:7", "0"},
                                   {"vlans:T:7", "2,2,2,10,20"},
-                                  {"T:4294967295", "0"},
-                                  {"T:8", "0"},
-                                  {field + ":T:8", lengths + ",600" + texts + "," + big}}));
+                                  {"T:4294967295", "0"}}));
 }
 
 TEST(SerializerTest, DecodingFailuresAndFilters) {
