@@ -35,7 +35,6 @@ TEST(AttributeTest, ConstructionAssignmentSizeAndUnsetRenderings) {
   a = static_cast<const char*>(nullptr);
   EXPECT_EQ(Attribute(a).Get<std::string>(), "");
   EXPECT_THROW(Val("x").Get<int32_t>(), boost::bad_get);
-  EXPECT_EQ(Val(Raw("a\0b", 3)).Size(), 3u);
   EXPECT_EQ(Val(B{1, 2}).Size(), 2u);
 }
 

@@ -52,9 +52,8 @@ class FakeBackend : public db::DatabaseAPI {
     if (rc == 0) records[id] = {s, c};
     return rc;
   }
-  int UpdateRecord(uint32_t id, const ScalarFields&, const CompositeFields&) override {
-    return Call("UpdateRecord " + std::to_string(id));
-  }
+  // Reached by no test while connected.
+  int UpdateRecord(uint32_t, const ScalarFields&, const CompositeFields&) override { return 0; }
   int DeleteRecord(uint32_t id, const std::vector<std::string>& names) override {
     const int rc = Call(Join("DeleteRecord " + std::to_string(id) + " ", names));
     if (rc == 0) records.erase(id);
@@ -82,13 +81,8 @@ class FakeBackend : public db::DatabaseAPI {
     *ids = Select(filter);
     return 0;
   }
-  int GetTableSize(int* size) const override {
-    *size = static_cast<int>(records.size());
-    return Call("GetTableSize");
-  }
-  int PrintDatabase(const CompositeFields&, db::DatabasePrinter) const override {
-    return Call("PrintDatabase");
-  }
+  int GetTableSize(int*) const override { return 0; }
+  int PrintDatabase(const CompositeFields&, db::DatabasePrinter) const override { return 0; }
   bool IsConnected() const override { return connected; }
   void SetTableName(const std::string& name) override { table_ = name; }
   const std::string& GetTableName() const override { return table_; }
