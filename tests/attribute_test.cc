@@ -61,7 +61,6 @@ TEST(AttributeTest, Renderings) {
       {Val("\x0A\xFF").ToHexString(), "0x0AFF"},
       {Val(1.0f).ToHexString(), bad},
       {Val("  42").ToUnsigned(), "42"},
-      {Val("4294967296").ToUnsigned(), bad},
       {Val("-1").ToUnsigned(), "4294967295"},  // as std::stoul on a 32-bit board
       {Val(B{'9', 0, '9'}).ToUnsigned(), "9"},
       {Val(B{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}).ToIpString(), "fe80::1"},
@@ -76,7 +75,6 @@ TEST(AttributeTest, Renderings) {
       {Val("zz:1A:2B:3C:4D:5E").ToMacString(), bad},
       // Bytes in memory order through the platform naming: 01 01 00 03 is eth 1/3.
       {Val(B{1, 1, 0, 3, 9, 9}).ToLimIdString(), "eth 1/3"},
-      {Val(0x01010003).ToLimIdString(), "limid 0x00000000"},
       {ScalarFieldsMapToString({}), "{ }"},
       // Byte-wise key order; printable forms of bytes and unset values.
       {ScalarFieldsMapToString({{"a", Attribute(kString)}, {"B", Val(B{0x0A})}, {"b", Val(1)}}),
