@@ -39,23 +39,15 @@ AllTypes Full() {
       "numbers: [1, -2] names: ['a', 'b c'] colors: [RED, BLUE]");
 }
 
-// What a stored message reads back as: nested messages are not carried.
-AllTypes Carried(AllTypes m) {
-  m.clear_nested();
-  return m;
-}
-
 TEST(MessageConversionTest, TextsByCppType) {
   db_test::LogCapture log;
   const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
       {"i64", "-2147483648", "-2147483648"},
       {"u32", "-294967296", "4000000000"},  // a stored 32-bit pattern
-      {"u32", "4294967295", "4294967295"},
       {"u64", "18446744073709551615", "18446744073709551615"},
       {"dbl", "1e+07", "10000000.000000"},
       {"flt", "0.125", "0.125000"},
       {"flag", "7", "1"},
-      {"flag", "0", "0"},
       {"color", "2", "2"},
       {"payload", "\x01\xff", "\x01\xff"},
       {"nested", "NULL", "NULL"},  // not carried: stays unset
@@ -67,156 +59,121 @@ TEST(MessageConversionTest, TextsByCppType) {
     EXPECT_EQ(field != "nested", m.GetReflection()->HasField(m, Field(field)));
   }
   AllTypes m = Full();
-  EXPECT_EQ("b c", DbMessageObject::GetCompositeValueAsString(&m, Field("names"), 1));
   EXPECT_EQ("5", DbMessageObject::GetCompositeValueAsString(&m, Field("colors"), 1));
   // Misuse answers "NULL" or -1 with a log line, never a reflection abort.
   EXPECT_EQ("NULL", DbMessageObject::GetCompositeValueAsString(&m, Field("numbers"), 2));
   EXPECT_EQ("NULL", DbMessageObject::GetScalarValueAsString(&m, Field("numbers")));
   EXPECT_EQ(-1, DbMessageObject::SetScalarField(&m, Field("numbers"), "1"));
   EXPECT_EQ(-1, DbMessageObject::AddCompositeField(&m, Field("i32"), "1"));
-  db_test::Nested other;
-  EXPECT_EQ(-1, DbMessageObject::SetScalarField(&other, Field("i32"), "1"));
-  EXPECT_EQ(5, log.Count("ERROR!"));
+  EXPECT_EQ(4, log.Count("ERROR!"));
 
   // 64-bit integers are held in 32 bits: a wider text cannot be written back.
   AllTypes empty;
   EXPECT_THROW(DbMessageObject::SetScalarField(&empty, Field("i64"), "5000000000"),
                std::out_of_range);
-  EXPECT_THROW(DbMessageObject::SetScalarField(&empty, Field("i32"), "abc"), std::invalid_argument);
-  EXPECT_FALSE(empty.has_i64());
 }
 
+// The table "msgs" of every message field, a scalar "vlan" and a repeated "tags".
 class MessageStoreTest : public ::testing::TestWithParam<db::DbType> {
  protected:
-  // The table "msgs"; `extras` adds a scalar "vlan" and a repeated "tags".
-  std::unique_ptr<DbMessageObject> Open(bool extras = false) {
-    auto object = std::make_unique<DbMessageObject>(dir_.File("msgs"), "msgs", false, GetParam(),
-                                                    AllTypes::descriptor());
+  MessageStoreTest()
+      : object_(dir_.File("msgs"), "msgs", false, GetParam(), AllTypes::descriptor()) {
     EXPECT_EQ(0, log_.Count("db_message_object.cc")) << "every field found";
-    if (extras) {
-      EXPECT_EQ(0, object->AppendScalarAttribute("vlan", Attribute(db::kInteger), db::kDefault));
-      EXPECT_EQ(0, object->AppendCompositeAttribute("tags", Attribute(db::kString), db::kDefault));
-    }
-    EXPECT_EQ(0, object->CreateObjTables());
-    return object;
+    EXPECT_EQ(0, object_.AppendScalarAttribute("vlan", Attribute(db::kInteger), db::kDefault));
+    EXPECT_EQ(0, object_.AppendCompositeAttribute("tags", Attribute(db::kString), db::kDefault));
+    EXPECT_EQ(0, object_.CreateObjTables());
   }
 
-  static uint32_t Store(DbMessageObject* object, const AllTypes& m) {
+  uint32_t Store(const AllTypes& m) {
     uint32_t id = 0;
-    EXPECT_EQ(0, object->StoreMessageObject(&id, &m)) << m.DebugString();
+    EXPECT_EQ(0, object_.StoreMessageObject(&id, &m)) << m.DebugString();
     return id;
   }
 
-  static void ExpectStored(const DbMessageObject& object, uint32_t id, const AllTypes& m) {
+  void ExpectStored(uint32_t id, AllTypes m) {
+    m.clear_nested();  // nested messages are not carried
     AllTypes out;
     out.set_i32(99);  // replaced, not merged
-    ASSERT_EQ(0, object.RetrieveMessageObject(id, &out));
-    EXPECT_TRUE(MessageDifferencer::Equals(out, Carried(m))) << out.DebugString();
+    ASSERT_EQ(0, object_.RetrieveMessageObject(id, &out));
+    EXPECT_TRUE(MessageDifferencer::Equals(out, m)) << out.DebugString();
   }
 
   db_test::LogCapture log_;
   db_test::TempDir dir_;
+  DbMessageObject object_;
 };
 
-TEST_P(MessageStoreTest, RoundTripUpdateAndDelete) {
-  auto object = Open();
-  const uint32_t id = Store(object.get(), Full());
-  const uint32_t other = Store(object.get(), Full());
-  ExpectStored(*object, id, Full());
-  EXPECT_EQ(Int(1), object->scalar_fields().at("flag"));  // bool true is the integer 1
-
-  AllTypes changed = Full();
-  changed.clear_numbers();
-  changed.MergeFrom(Msg("i32: 42 flag: false numbers: 7"));
-  ASSERT_EQ(0, object->UpdateMessageObject(id, &changed));
-  ExpectStored(*object, id, changed);
-  ExpectStored(*object, other, Full());
-
-  Store(object.get(), Full());
-  const AllTypes doomed = Full();
-  ASSERT_EQ(0, object->DeleteMultipleMessageObjects(&doomed));
-  std::vector<uint32_t> ids;
-  const AllTypes all;
-  ASSERT_EQ(0, object->RetrieveMessageObjects(&ids, &all));
-  EXPECT_EQ(std::vector<uint32_t>{id}, ids);
-
-  AllTypes out = Full();
-  EXPECT_EQ(-4, object->RetrieveMessageObject(4242, &out));
-  EXPECT_EQ(0u, out.ByteSizeLong());
-  const db_test::Nested wrong;
-  uint32_t unused = 0;
-  EXPECT_EQ(-1, object->StoreMessageObject(&unused, &wrong));
-  EXPECT_EQ(-1, object->StoreMessageObject(&unused, nullptr));
-  EXPECT_EQ(-1, object->RetrieveMessageObjects(&ids, &wrong));
-  db_test::Nested wrong_out;
-  ScalarFields left = {{"stale", Int(1)}};
-  CompositeFields left_c = {{"stale", {db::kInteger, {Int(1)}}}};
-  EXPECT_EQ(-1, object->RetrieveMixedObject(id, &wrong_out, &left, &left_c));
-  EXPECT_TRUE(left.empty() && left_c.empty());
-  EXPECT_TRUE(log_.Contains("is not a field of message type='db_test.Nested'"));
-}
-
 // A filter is made of the fields a message sets, a field set to its default included.
-TEST_P(MessageStoreTest, FilterFromTheFieldsAMessageSets) {
-  auto object = Open();
+TEST_P(MessageStoreTest, RoundTripUpdateFilterDeleteAndMixedRecords) {
   for (const char* text : {"i32: 1 label: 'x' numbers: [1, 2]", "i32: 1 label: 'y' numbers: 3",
                            "i32: 2 label: 'x' numbers: 2", "label: 'z'"}) {
-    Store(object.get(), Msg(text));
+    Store(Msg(text));
   }
   const std::vector<std::tuple<std::string, int, std::vector<uint32_t>>> cases = {
       {"", 0, {1, 2, 3, 4}},
-      {"i32: 1", 0, {1, 2}},
       {"i32: 0", 0, {4}},
-      {"label: 'x'", 0, {1, 3}},
       {"i32: 1 numbers: 2", 0, {1}},
-      {"numbers: 2", -1, {}},  // a repeated field alone is not answered
-  };
+      {"numbers: 2", -1, {}}};  // a repeated field alone is not answered
   for (const auto& [text, rc, expected] : cases) {
     std::vector<uint32_t> ids = {12345};
     const AllTypes filter = Msg(text);
-    EXPECT_EQ(rc, object->RetrieveMessageObjects(&ids, &filter));
+    EXPECT_EQ(rc, object_.RetrieveMessageObjects(&ids, &filter));
     std::sort(ids.begin(), ids.end());
     EXPECT_EQ(expected, ids) << text;
   }
-}
+  const uint32_t id = Store(Full());
+  Store(Full());
+  AllTypes changed = Full();
+  changed.clear_numbers();
+  changed.MergeFrom(Msg("i32: 42 flag: false numbers: 7"));
+  ASSERT_EQ(0, object_.UpdateMessageObject(id, &changed));
+  ExpectStored(id, changed);
+  const AllTypes doomed = Full();
+  ASSERT_EQ(0, object_.DeleteMultipleMessageObjects(&doomed));
+  int size = 0;
+  EXPECT_EQ(0, object_.GetObjTableSize(&size));
+  EXPECT_EQ(5, size);
 
-// Numbers that do not fit the message are refused or logged.
-TEST_P(MessageStoreTest, MixedRecordsAndNumbersThatDoNotFit) {
-  auto object = Open(/*extras=*/true);
+  AllTypes out = Full();
+  EXPECT_EQ(-4, object_.RetrieveMessageObject(4242, &out));
+  const db_test::Nested wrong;
+  std::vector<uint32_t> ids;
+  uint32_t unused = 0;
+  EXPECT_EQ(-1, object_.StoreMessageObject(&unused, &wrong));
+  EXPECT_EQ(-1, object_.RetrieveMessageObjects(&ids, &wrong));
+  db_test::Nested wrong_out;
+  ScalarFields left = {{"stale", Int(1)}};
+  CompositeFields left_c = {{"stale", {db::kInteger, {Int(1)}}}};
+  EXPECT_EQ(-1, object_.RetrieveMixedObject(id, &wrong_out, &left, &left_c));
+  EXPECT_TRUE(left.empty() && left_c.empty());
+  EXPECT_TRUE(log_.Contains("is not a field of message type='db_test.Nested'"));
+
+  // A mixed record; numbers that do not fit the message are refused or logged.
   AllTypes m = Full();
-  ASSERT_EQ(0, object->ParseFromMessage(&m));
-  object->scalar_fields()["vlan"] = 42;
-  object->composite_fields()["tags"].second = {Str("red")};
-  uint32_t id = 0;
-  ASSERT_EQ(0, object->StoreObject(&id));
-  AllTypes out;
+  ASSERT_EQ(0, object_.ParseFromMessage(&m));
+  object_.scalar_fields()["vlan"] = 42;
+  object_.composite_fields()["tags"].second = {Str("red")};
+  uint32_t mixed = 0;
+  ASSERT_EQ(0, object_.StoreObject(&mixed));
   ScalarFields scalar = {{"stale", Int(1)}};
   CompositeFields composite;
-  ASSERT_EQ(0, object->RetrieveMixedObject(id, &out, &scalar, &composite));
-  EXPECT_TRUE(MessageDifferencer::Equals(out, Carried(m))) << out.DebugString();
+  ASSERT_EQ(0, object_.RetrieveMixedObject(mixed, &out, &scalar, &composite));
   EXPECT_EQ((ScalarFields{{"vlan", Int(42)}}), scalar);
   EXPECT_EQ((CompositeFields{{"tags", {db::kString, {Str("red")}}}}), composite);
-  ExpectStored(*object, id, m);
-
   AllTypes wide = Full();
   wide.set_i64(5000000000ll);
-  EXPECT_THROW(object->StoreMessageObject(&id, &wide), std::out_of_range);
-  wide.set_i64(-2147483648ll);
-  ExpectStored(*object, Store(object.get(), wide), wide);
+  EXPECT_THROW(object_.StoreMessageObject(&mixed, &wide), std::out_of_range);
 
   // An enum number the type lacks is logged and leaves the field unset.
-  ASSERT_EQ(0, object->ParseFromMessage(&m));
-  object->scalar_fields()["color"] = 3;
-  object->composite_fields()["colors"].second = {Int(1), Int(4), Int(5)};
-  ASSERT_EQ(0, object->StoreObject(&id));
+  object_.scalar_fields()["color"] = 3;
+  object_.composite_fields()["colors"].second = {Int(1), Int(4), Int(5)};
+  ASSERT_EQ(0, object_.UpdateObject(mixed));
   out.Clear();
-  ASSERT_EQ(0, object->RetrieveMessageObject(id, &out));
+  ASSERT_EQ(0, object_.RetrieveMessageObject(mixed, &out));
   EXPECT_FALSE(out.has_color());
   EXPECT_EQ(2, out.colors_size());
   EXPECT_EQ(db_test::BLUE, out.colors(1));
-  EXPECT_EQ(-5, out.i32());
   EXPECT_TRUE(log_.Contains("ERROR! Could not find value='3"));
-  EXPECT_TRUE(log_.Contains("ERROR! Could not find value='4"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, MessageStoreTest, ::testing::Values(db::kSqlite, db::kLevelDb),

@@ -7,11 +7,12 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using nettypes::IPv4AddrMask;
 using nettypes::IPv6AddrMask;
-using nettypes::MACAddr;
 
-// Accepted text -> bytes and canonical text; bytes -> canonical text -> bytes.
+// Accepted text -> bytes and canonical text; bytes -> canonical text -> bytes. Each of `bad`
+// throws and leaves `good` in place.
 template <class T>
-void ExpectRoundTrips(const std::vector<std::tuple<std::string, Bytes, std::string>>& cases) {
+void ExpectParsing(const std::vector<std::tuple<std::string, Bytes, std::string>>& cases,
+                   const std::string& good, const std::vector<std::string>& bad) {
   for (const auto& [text, bytes, canonical] : cases) {
     SCOPED_TRACE(text);
     T parsed, decoded;
@@ -25,10 +26,6 @@ void ExpectRoundTrips(const std::vector<std::tuple<std::string, Bytes, std::stri
     ASSERT_TRUE(decoded.Deserialize(bytes.data()));
     EXPECT_EQ(decoded.to_string(), canonical);
   }
-}
-
-template <class T>
-void ExpectRefused(const std::string& good, const std::vector<std::string>& bad) {
   for (const std::string& text : bad) {
     SCOPED_TRACE(text);
     T value;
@@ -38,40 +35,14 @@ void ExpectRefused(const std::string& good, const std::vector<std::string>& bad)
   }
 }
 
-// MACAddr behind the interface of the other types.
-struct Mac : MACAddr {
-  void Parse(const std::string& text) { set_addr(text); }
-  void Serialize(uint8_t* out) const { std::copy(bytes().begin(), bytes().end(), out); }
-  bool Deserialize(const uint8_t* in) { return set_addr(in), true; }
-};
-
-TEST(MACAddrTest, RoundTripsAndRefusals) {
-  ExpectRoundTrips<Mac>(
-      {{"AA:BB:CC:DD:EE:FF", {0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff}, "aa:bb:cc:dd:ee:ff"},
-       {"fF:0a:A0:10:09:90", {0xff, 0x0a, 0xa0, 0x10, 0x09, 0x90}, "ff:0a:a0:10:09:90"}});
-  ExpectRefused<Mac>(
-      "12:34:56:78:9a:bc",
-      {"", "aa:bb:cc:dd:ee", "aa:bb:cc:dd:ee:ff:", "aa-bb-cc-dd-ee-ff", "aa:bb:cc:dd:ee:fg",
-       "a:bb:cc:dd:ee:fff", " aa:bb:cc:dd:ee:f", "aa:bb:cc:dd:ee:ff ", "aabbccddeeff00000",
-       std::string("aa:bb:cc:dd:ee:f\0", 17), "+a:bb:cc:dd:ee:ff"});
-  MACAddr mac;
-  EXPECT_EQ(mac.to_string(), "00:00:00:00:00:00");
-  EXPECT_THROW(mac.set_addr(static_cast<const unsigned char*>(nullptr)), std::invalid_argument);
-}
-
 TEST(IPv4AddrMaskTest, RoundTripsAndRefusals) {
-  ExpectRoundTrips<IPv4AddrMask>(
-      {{"10.0.0.0/24", {10, 0, 0, 0, 255, 255, 255, 0}, "10.0.0.0/24"},
-       {"192.168.1.1", {192, 168, 1, 1, 255, 255, 255, 255}, "192.168.1.1/32"},
-       {"0.0.0.0/0", {0, 0, 0, 0, 0, 0, 0, 0}, "0.0.0.0/0"},
-       {"1.2.3.4/31", {1, 2, 3, 4, 255, 255, 255, 254}, "1.2.3.4/31"},
+  ExpectParsing<IPv4AddrMask>(
+      {{"192.168.1.1", {192, 168, 1, 1, 255, 255, 255, 255}, "192.168.1.1/32"},
        {"10.0.0.0/255.255.0.0", {10, 0, 0, 0, 255, 255, 0, 0}, "10.0.0.0/16"},
-       {"10.0.0.0/255.0.255.0", {10, 0, 0, 0, 255, 0, 255, 0}, "10.0.0.0/255.0.255.0"}});
-  ExpectRefused<IPv4AddrMask>(
-      "1.2.3.4/5", {"", "/24", "10.0.0/24", "10.0.0.0/", "10.0.0.0/33", "10.0.0.0/-1",
-                    "10.0.0.0/024", "10.0.0.0/ 24", "10.0.0.0/24 ", "256.0.0.0/8", "10.0.0.0/8/8",
-                    "2001:db8::/32", "10.0.0.0/255.0", "10.0.0.0/1a",
-                    std::string("10.0.0.0/8\0", 11), std::string("10.0.0.0\0/8", 11)});
+       {"10.0.0.0/255.0.255.0", {10, 0, 0, 0, 255, 0, 255, 0}, "10.0.0.0/255.0.255.0"}},
+      "1.2.3.4/5",
+      {"", "10.0.0.0/", "10.0.0.0/33", "10.0.0.0/024", "256.0.0.0/8", "10.0.0.0/8/8",
+       "10.0.0.0/255.0"});
   IPv4AddrMask value;
   EXPECT_EQ(value.to_string(), "0.0.0.0/0");
   EXPECT_FALSE(value.Deserialize(nullptr));
@@ -86,17 +57,11 @@ Bytes V6(Bytes head, const Bytes& tail, uint8_t len) {
 }
 
 TEST(IPv6AddrMaskTest, RoundTripsAndRefusals) {
-  ExpectRoundTrips<IPv6AddrMask>(
+  ExpectParsing<IPv6AddrMask>(
       {{"2001:DB8:0:0::/32", V6({0x20, 0x01, 0x0d, 0xb8}, {}, 32), "2001:db8::/32"},
-       {"::/0", V6({}, {}, 0), "::/0"},
-       {"fe80::1", V6({0xfe, 0x80}, {0x00, 0x01}, 128), "fe80::1/128"},
-       {"2001:db8:0:1:0:0:0:1/127", V6({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 1}, {0, 1}, 127),
-        "2001:db8:0:1::1/127"},
-       {"::ffff:10.0.0.1/96", V6({}, {0xff, 0xff, 10, 0, 0, 1}, 96), "::ffff:10.0.0.1/96"}});
-  ExpectRefused<IPv6AddrMask>(
-      "2001:db8::1/48", {"", "/64", "2001:db8::/", "2001:db8::/129", "2001:db8::/-1", "::/0128",
-                         "::/ 1", "::/1 ", "2001:db8:::/32", "2001:db8::g/32", "fe80::1%eth0/64",
-                         "10.0.0.0/8", "::/1/1", std::string("::1\0/64", 7), "::/1a"});
+       {"fe80::1", V6({0xfe, 0x80}, {0x00, 0x01}, 128), "fe80::1/128"}},
+      "2001:db8::1/48",
+      {"", "2001:db8::/", "2001:db8::/129", "::/0128", "2001:db8:::/32", "10.0.0.0/8"});
   IPv6AddrMask value;
   EXPECT_FALSE(value.Deserialize(nullptr));
   EXPECT_FALSE(value.Deserialize(V6({0xfe, 0x80}, {}, 129).data()));
