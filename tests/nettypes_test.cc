@@ -7,6 +7,7 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using nettypes::IPv4AddrMask;
 using nettypes::IPv6AddrMask;
+using nettypes::MACAddr;
 
 // Accepted text -> bytes and canonical text; bytes -> canonical text -> bytes. Each of `bad`
 // throws and leaves `good` in place.
@@ -33,6 +34,26 @@ void ExpectParsing(const std::vector<std::tuple<std::string, Bytes, std::string>
     EXPECT_THROW(value.Parse(text), std::invalid_argument);
     EXPECT_EQ(value.to_string(), good);
   }
+}
+
+// MACAddr behind the interface of the other types.
+struct Mac : MACAddr {
+  void Parse(const std::string& text) { set_addr(text); }
+  void Serialize(uint8_t* out) const { std::copy(bytes().begin(), bytes().end(), out); }
+  bool Deserialize(const uint8_t* in) {
+    set_addr(in);
+    return true;
+  }
+};
+
+TEST(MACAddrTest, RoundTripsAndRefusals) {
+  ExpectParsing<Mac>(
+      {{"fF:0a:A0:10:09:90", {0xff, 0x0a, 0xa0, 0x10, 0x09, 0x90}, "ff:0a:a0:10:09:90"}},
+      "12:34:56:78:9a:bc",
+      {"", "aa:bb:cc:dd:ee:ff:", "aa-bb-cc-dd-ee-ff", "aa:bb:cc:dd:ee:fg", "a:bb:cc:dd:ee:fff",
+       "aa:bb:cc:dd:ee:ff ", std::string("aa:bb:cc:dd:ee:f\0", 17), "+a:bb:cc:dd:ee:ff"});
+  EXPECT_EQ(MACAddr().to_string(), "00:00:00:00:00:00");
+  EXPECT_THROW(Mac().set_addr(static_cast<const unsigned char*>(nullptr)), std::invalid_argument);
 }
 
 TEST(IPv4AddrMaskTest, RoundTripsAndRefusals) {

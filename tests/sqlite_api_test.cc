@@ -23,6 +23,15 @@ using ::db_test::Str;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+TEST(SqliteStatementPieces, Quirks) {
+  EXPECT_EQ(SqliteAPI::CompositeFieldTableName("a_b", "c"), "repeated_field_table_a_b_c");
+  EXPECT_EQ(SqliteAPI::CompositeFieldTableName("a", "b_c"), "repeated_field_table_a_b_c");
+  // 0xFF before any byte but 0xFE yields that byte; a trailing one stays; numbers are kept.
+  EXPECT_EQ(SqliteAPI::GetFieldAsString(Attribute(kBytes), "\xFFq\xFF\xFE\xFF"),
+            std::string("q\0\xFF", 3));
+  EXPECT_EQ(SqliteAPI::GetFieldAsString(Attribute(kInteger), "\xFF\xFE"), "\xFF\xFE");
+}
+
 class SqliteApiTest : public ::testing::Test {
  protected:
   SqliteApiTest() : api_(dir_.File("db.sqlite"), "T", false) {}
