@@ -60,6 +60,8 @@ TEST(MessageConversionTest, TextsByCppType) {
   }
   AllTypes m = Full();
   EXPECT_EQ("5", DbMessageObject::GetCompositeValueAsString(&m, Field("colors"), 1));
+  ASSERT_EQ(0, DbMessageObject::AddCompositeField(&m, Field("flags"), "7"));
+  EXPECT_EQ("1", DbMessageObject::GetCompositeValueAsString(&m, Field("flags"), 0));
   // Misuse answers "NULL" or -1 with a log line, never a reflection abort.
   EXPECT_EQ("NULL", DbMessageObject::GetCompositeValueAsString(&m, Field("numbers"), 2));
   EXPECT_EQ("NULL", DbMessageObject::GetScalarValueAsString(&m, Field("numbers")));
