@@ -73,6 +73,8 @@ TEST(AttributeTest, Renderings) {
       {Val("zz:1A:2B:3C:4D:5E").ToMacString(), bad},
       // Bytes in memory order through the platform naming: 01 01 00 03 is eth 1/3.
       {Val(B{1, 1, 0, 3, 9, 9}).ToLimIdString(), "eth 1/3"},
+      {Val(B{1, 1, 0}).ToLimIdString(), "limid 0x00000000"},  // too short: id 0, as numbers
+      {Val(0x01010003).ToLimIdString(), "limid 0x00000000"},
       {ScalarFieldsMapToString({}), "{ }"},
       // Byte-wise key order; printable forms of bytes and unset values.
       {ScalarFieldsMapToString({{"a", Attribute(kString)}, {"B", Val(B{0x0A})}, {"b", Val(1)}}),

@@ -86,6 +86,7 @@ TEST_F(LeveldbApiTest, ConnectionSharingAndLockedPath) {
   std::unique_ptr<leveldb::DB> holder(raw);
   auto api = Open();
   EXPECT_EQ(log_.Count("ERROR: Open status='IO error: lock "), 1);
+  EXPECT_FALSE(api->IsConnected());
   EXPECT_EQ(api->CreateTable(Record(), Tags({})), -1);
   EXPECT_TRUE(log_.Contains("ERROR: Db='" + path_ + "' not connected"));
   holder.reset();  // Once the other opener is gone, a later user connects.

@@ -242,6 +242,9 @@ TEST_F(SqliteApiTest, TablesAndStoredValues) {
   int synchronous = -1;
   ASSERT_EQ(api_.ExecuteQuery("PRAGMA synchronous;", CallbackSize, &synchronous), 0);
   EXPECT_EQ(synchronous, 1);  // NORMAL
+  std::vector<uint32_t> ids;  // The first-column callback skips NULL.
+  ASSERT_EQ(api_.ExecuteQuery("SELECT NULL UNION ALL SELECT 7;", CallbackSelectMultiple, &ids), 0);
+  EXPECT_THAT(ids, ElementsAre(7u));
 
   const ScalarFields record = {{"a", Int(-5)},
                                {"b", Str("O'Brien")},
