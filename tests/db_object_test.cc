@@ -195,7 +195,8 @@ TEST_F(DbObjectTest, IdsGoBackForRecordsThatWent) {
   EXPECT_EQ(object_.StoreObject(&failed), -6);
   EXPECT_EQ(failed, 2u);
   EXPECT_EQ(Put(5), 2u);
-  for (int32_t a : {1, 1}) Put(a);  // ids 3 and 4
+  EXPECT_EQ(object_.RetrieveObject(2, nullptr, nullptr), 0);  // Both outputs are optional.
+  for (int32_t a : {1, 1}) Put(a);                            // ids 3 and 4
   object_.Fail(-7, "DeleteRecord 1");
   EXPECT_EQ(object_.DeleteSingleObject(1), -7);
   EXPECT_TRUE(FreeIds().empty());

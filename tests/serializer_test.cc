@@ -65,6 +65,7 @@ TEST(SerializerTest, DecodingFailuresAndFilters) {
   ScalarFields f = {{"a", Val(12)}, {"b", Val("old")}};
   s.DeserializeScalar("1,0,", f);  // A zero length resets a set attribute.
   EXPECT_FALSE(f["a"].is_set());
+  EXPECT_EQ(f["b"], Val("old"));  // Fewer stored values than fields: the rest untouched.
   db_test::LogCapture log;
   f = {{"a", Attribute(kString)}, {"b", Attribute(kInteger)}};
   s.DeserializeScalar("2,2,1,ok,x", f);
