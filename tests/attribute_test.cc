@@ -41,6 +41,7 @@ TEST(AttributeTest, Equality) {
   const std::tuple<Attribute, Attribute, bool> cases[] = {
       {Attribute(kInteger), Attribute(static_cast<AttributeType>(7)), true},
       {Attribute(kInteger), Val(0), false},
+      {Val(1), Val(1.0f), false},
       {Val(Raw("a\0b", 3)), Val(Raw("a\0c", 3)), false},
       {Val(kNaN), Val(kNaN), false},
       {Val(B{1, 2}), Val(B{1, 2}), true}};

@@ -70,12 +70,15 @@ TEST(SerializerTest, DecodingFailuresAndFilters) {
   f = {{"a", Attribute(kString)}, {"b", Attribute(kInteger)}};
   s.DeserializeScalar("2,2,1,ok,x", f);
   EXPECT_TRUE(f.empty()) << "a half-decoded record is worse than none";
+  f = {{"a", Attribute(kInteger)}};
+  s.DeserializeScalar(",1,5", f);  // An empty count is no number.
+  EXPECT_TRUE(f.empty());
   std::pair<AttributeType, Values> partial{kInteger, {Val(99)}};
   std::string bad = "3,1,1,1,5,x,6";
   s.DeserializeComposite(bad, partial);
   EXPECT_EQ(partial.second, Values{Val(5)}) << "what was decoded before a failure stays";
-  EXPECT_EQ(log.Lines().size(), 2u);
-  EXPECT_EQ(log.Count("src/lib/serializer.cc"), 2);
+  EXPECT_EQ(log.Lines().size(), 3u);
+  EXPECT_EQ(log.Count("src/lib/serializer.cc"), 3);
   EXPECT_EQ(log.Count("ERROR: Failed to deserialize the scalar attribute='b', value='x', "
                       "exception='stoi'"),
             1);
