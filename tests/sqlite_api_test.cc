@@ -275,6 +275,8 @@ TEST_F(SqliteApiTest, SharedInMemoryDatabase) {
   EXPECT_EQ(journal, "journal_mode = memory\n\n");
   EXPECT_FALSE(log_.Contains("Write-ahead")) << "a memory database keeps its journal quietly";
   EXPECT_FALSE(std::filesystem::exists(dir_.File("mem")));  // nothing on disk
+  EXPECT_EQ(first.Disconnect(), 0);
+  EXPECT_EQ(first.handle(), nullptr) << "closed, so that closing again does nothing";
 }
 
 // A database written before owner indexes existed gains them when a table is
