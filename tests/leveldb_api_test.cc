@@ -79,7 +79,7 @@ TEST_F(LeveldbApiTest, ConnectionSharingAndLockedPath) {
   auto third = Open();
   EXPECT_TRUE(first->Disconnect());  // Must not release the third user's share.
   EXPECT_TRUE(third->IsConnected());
-  third.reset();
+  EXPECT_TRUE(third->Disconnect());  // The last user closes the path.
 
   leveldb::DB* raw = nullptr;  // Held by leveldb itself: every operation fails.
   ASSERT_TRUE(leveldb::DB::Open(leveldb::Options(), path_, &raw).ok());
