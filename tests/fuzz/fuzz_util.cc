@@ -13,7 +13,9 @@ namespace db_fuzz {
 
 const std::string& Scratch() {
   static const std::string dir = [] {
-    db::Init(qelmw_create("db-intf-fuzz"));
+    // Held for the whole process, so that the leak check at exit does not report it.
+    static qelmw_t* const middleware = qelmw_create("db-intf-fuzz");
+    db::Init(middleware);
     zlog_set_output(Sink());
     static std::string path =
         std::filesystem::temp_directory_path().string() + "/db-intf-fuzz-XXXXXX";
