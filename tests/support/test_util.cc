@@ -97,7 +97,7 @@ pid_t Start(std::vector<std::string> args, const std::string& input, int out_fd,
   const pid_t pid = fork();
   if (pid != 0) return pid;
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives the test, even one that dies
-  dup2(open(input.c_str(), O_RDONLY), 0);
+  dup2(open(input.c_str(), O_RDONLY | O_CLOEXEC), 0);  // fd 0 itself stays open
   dup2(out_fd, 1);
   dup2(err_fd, 2);
   execvp(argv[0], argv.data());
