@@ -9,14 +9,9 @@ namespace db {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using db_test::Val;
 
-Attribute V(const AttributeValue& v) {
-  Attribute a;
-  a.set_value(v);
-  return a;
-}
-
-Attribute Str(const Bytes& b) { return V(std::string(b.begin(), b.end())); }
+Attribute Str(const Bytes& b) { return Val(std::string(b.begin(), b.end())); }
 
 // Parses `text` into `*out` (reset to an unset `type`) and returns stderr.
 std::string Parse(AttributeType type, const std::string& text, int format, Attribute* out) {
@@ -35,15 +30,16 @@ TEST(ElemParserTest, EveryConversionReadsBackWhatItsRenderingShows) {
       EXPECT_TRUE(parsed == value) << parsed.ToPrintableString();
     }
   };
-  check(kDefault, {V(-7), V(std::string("hello")), V(1.5f), V(Bytes{0x0a, 0xff})});
-  check(kHex, {V(255), V(-1), Str({0x0a, 0xff, 0}), V(Bytes{0x0a, 0xff}), V(Bytes{})});
-  check(kIpAddress, {Str({10, 0, 0, 1}), V(Bytes{10, 0, 0, 1}),
-                     V(Bytes{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})});
-  check(kIpPrefixLen, {V(Bytes{10, 1, 2, 0, 255, 255, 255, 0}), Str({10, 0, 0, 0, 255, 0, 255, 0}),
-                       V(Bytes{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 32})});
-  check(kMac, {V(Bytes{0xaa, 0xbb, 0xcc, 1, 2, 3}), V(std::string("aa:bb:cc:01:02:03"))});
-  check(kLimId, {V(Bytes{1, 1, 0, 3}), Str({3, 0, 0, 100})});  // eth 1/3, vlan 100
-  check(kUnsigned, {V(-1), V(std::string("12")), V(3.0f)});
+  check(kDefault, {Val(-7), Val(std::string("hello")), Val(1.5f), Val(Bytes{0x0a, 0xff})});
+  check(kHex, {Val(255), Val(-1), Str({0x0a, 0xff, 0}), Val(Bytes{0x0a, 0xff}), Val(Bytes{})});
+  check(kIpAddress, {Str({10, 0, 0, 1}), Val(Bytes{10, 0, 0, 1}),
+                     Val(Bytes{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})});
+  check(kIpPrefixLen,
+        {Val(Bytes{10, 1, 2, 0, 255, 255, 255, 0}), Str({10, 0, 0, 0, 255, 0, 255, 0}),
+         Val(Bytes{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 32})});
+  check(kMac, {Val(Bytes{0xaa, 0xbb, 0xcc, 1, 2, 3}), Val(std::string("aa:bb:cc:01:02:03"))});
+  check(kLimId, {Val(Bytes{1, 1, 0, 3}), Str({3, 0, 0, 100})});  // eth 1/3, vlan 100
+  check(kUnsigned, {Val(-1), Val(std::string("12")), Val(3.0f)});
 }
 
 TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
@@ -56,14 +52,14 @@ TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
     std::string err = "";
   } cases[] = {
       {kHex, kString, "0a9bFf", Str({0x0a, 0x9b, 0xff})},
-      {kIpPrefixLen, kBytes, "10.0.0.0/12", V(Bytes{10, 0, 0, 0, 255, 240, 0, 0})},
+      {kIpPrefixLen, kBytes, "10.0.0.0/12", Val(Bytes{10, 0, 0, 0, 255, 240, 0, 0})},
       {kIpPrefixLen, kBytes, "2001:db8::/64@02:00:00:00:00:01",
-       V(Bytes{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xfe, 0, 0, 1, 64})},
+       Val(Bytes{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xfe, 0, 0, 1, 64})},
       {kIpPrefixLen, kBytes, "fe80::1/128",
-       V(Bytes{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 128})},
-      {kUnsigned, kInteger, "-2147483648", V(INT32_MIN)},  // wraps like stoul on the board
-      {kUnsigned, kString, "4294967295", V(std::string("4294967295"))},
-      {kDefault, kString, "a b", V(std::string("a b"))},
+       Val(Bytes{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 128})},
+      {kUnsigned, kInteger, "-2147483648", Val(INT32_MIN)},  // wraps like stoul on the board
+      {kUnsigned, kString, "4294967295", Val(std::string("4294967295"))},
+      {kDefault, kString, "a b", Val(std::string("a b"))},
       {kDefault, kInteger, "(unset)", Attribute(kInteger)},
       {kDefault, kInteger, "(invalid)", Attribute(kInteger)},
       {kDefault, kInteger, "abc", Attribute(),
@@ -133,13 +129,14 @@ TEST(ElemParserCmdTest, OptionsFillTheFiltersUnderTheFieldNames) {
       "src/lib/elem_parser.cc:327:ParseValue(): ERROR! Invalid print format 3\n",
       db_test::CaptureStderr(
           [&] { ElemParser::ParseCmdParam(6, argv.data(), object, scalar, composite); }));
-  EXPECT_EQ((ScalarFields{{"port", V(80)},
-                          {"name", V(std::string("a_b"))},
-                          {"addr", V(Bytes{10, 0, 0, 1})},
+  EXPECT_EQ((ScalarFields{{"port", Val(80)},
+                          {"name", Val(std::string("a_b"))},
+                          {"addr", Val(Bytes{10, 0, 0, 1})},
                           {"alt", Attribute(kBytes)}}),
             scalar);
-  EXPECT_EQ((CompositeFields{{"vlans", {kInteger, {V(10), V(20), V(30), Attribute(kInteger)}}}}),
-            composite);
+  EXPECT_EQ(
+      (CompositeFields{{"vlans", {kInteger, {Val(10), Val(20), Val(30), Attribute(kInteger)}}}}),
+      composite);
   EXPECT_EQ("src/lib/elem_parser.cc:398:ParseCmdParam(): ERROR! Invalid argv\n",
             db_test::CaptureStderr(
                 [&] { ElemParser::ParseCmdParam(1, nullptr, object, scalar, composite); }));

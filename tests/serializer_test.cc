@@ -2,8 +2,6 @@
 
 #include <tuple>
 
-#include <leveldb/write_batch.h>
-
 #include "support/test_util.h"
 
 namespace db {
@@ -12,7 +10,6 @@ namespace {
 using db_test::Val;
 using Bytes = std::vector<uint8_t>;
 using Values = std::vector<Attribute>;
-using Texts = std::vector<std::pair<std::string, std::string>>;
 
 TEST(SerializerTest, Encodings) {
   const std::vector<std::pair<ScalarFields, std::string>> scalars = {
@@ -25,6 +22,7 @@ TEST(SerializerTest, Encodings) {
       {{{"z", Val(1)}, {"B", Val(2)}, {"a", Val(333)}}, "3,1,3,1,2,333,1"}};
   const std::vector<std::pair<Values, std::string>> composites = {
       {{Val(10), Val(20)}, "2,2,2,10,20"},
+      {{Attribute(kString)}, "0"},  // no set element: a count of none
       {{Attribute(kString), Val("x"), Attribute(kString), Val("y,z")}, "2,1,3,x,y,z"}};
   Serializer s;
   for (const auto& [fields, expected] : scalars) {
@@ -37,27 +35,6 @@ TEST(SerializerTest, Encodings) {
     s.SerializeComposite(out, values);
     EXPECT_EQ(out, "prefix|" + expected);
   }
-}
-
-TEST(SerializerTest, PutOnBatchKeys) {
-  struct Contents : leveldb::WriteBatch::Handler {
-    Texts puts;
-    void Put(const leveldb::Slice& key, const leveldb::Slice& value) override {
-      puts.emplace_back(key.ToString(), value.ToString());
-    }
-    void Delete(const leveldb::Slice& key) override { puts.emplace_back("delete", key.ToString()); }
-  } contents;
-  leveldb::WriteBatch batch;
-  CompositeFields composites = {{"vlans", {kInteger, {Val(10), Val(20)}}},
-                                {"empty", {kInteger, {}}},
-                                {"unset", {kString, {Attribute(kString)}}}};
-  Serializer().PutOnBatch(batch, "T", 7, {{"a", Val(5)}}, composites);
-  Serializer().PutOnBatch(batch, "T", 4294967295u, {}, {});
-  ASSERT_TRUE(batch.Iterate(&contents).ok());
-  EXPECT_EQ(contents.puts, (Texts{{"T:7", "1,1,5"},
-                                  {"unset:T:7", "0"},
-                                  {"vlans:T:7", "2,2,2,10,20"},
-                                  {"T:4294967295", "0"}}));
 }
 
 TEST(SerializerTest, DecodingFailuresAndFilters) {
