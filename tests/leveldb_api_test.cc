@@ -19,7 +19,6 @@ namespace db {
 namespace {
 
 using db_test::Dump;
-using db_test::GetRaw;
 using db_test::KeyValues;
 using db_test::PutRaw;
 using db_test::Val;
@@ -111,12 +110,19 @@ TEST_F(LeveldbApiTest, RecordsLiveUnderTheirKeysTillTheirTableIsDestroyed) {
     int size = 0;                         // Every key with the table's prefix counts.
     ASSERT_EQ(api->GetTableSize(&size), 0);
     EXPECT_EQ(size, 3);
+    EXPECT_EQ(api->AddTableIndex("i", {"a", "tags"}), -1);  // Repeated fields cannot be indexed.
+    log_.Clear();
+    ASSERT_EQ(api->AddTableIndex("i", {"b", "a"}), 0);
+    ASSERT_EQ(api->AddScalarField("bb", Val(0)), 0);  // Every record holds it unset.
+    EXPECT_TRUE(log_.Lines().empty()) << "successful changes log nothing";
+    EXPECT_EQ(api->AddScalarField("bb", Val(0)), -1);
   }
-  EXPECT_EQ(Dump(path_), (KeyValues{{"T:4000000000", "3,0,0,0,,,"},
-                                    {"T:7", "3,1,3,0,1,x,y,"},
+  EXPECT_EQ(Dump(path_), (KeyValues{{"T:4000000000", "4,0,0,0,0,,,,"},
+                                    {"T:7", "4,1,3,0,0,1,x,y,,"},
                                     {"T:other:1", "1,1,5"},
                                     {"schema:E", "a:2,b:3,"},
-                                    {"schema:T", "a:0,b:1,c:0,"},
+                                    {"schema:T", "a:0,b:1,bb:0,c:0,"},
+                                    {"schema:T:idx", "b,a"},
                                     {"schema:repeated:E", ""},
                                     {"schema:repeated:T", "tags:0,"},
                                     {"tags:T:7", "2,2,2,10,20"}}));
@@ -159,7 +165,8 @@ TEST_F(LeveldbApiTest, RefusedRecordOperationsAndRecordsWithoutElements) {
 }
 
 TEST_F(LeveldbApiTest, EveryOperationOnATableNeverCreatedFails) {
-  db_test::Seed(path_, {{"schema:repeated:T", "v:1,"}});  // Only the scalar one makes a table.
+  // Only the scalar schema record makes a table; an index list without it loads no index.
+  db_test::Seed(path_, {{"schema:repeated:T", "v:1,"}, {"schema:T:idx", "a"}});
   auto api = Open();
   ScalarFields scalars = Record();
   CompositeFields composites;
@@ -180,21 +187,8 @@ TEST_F(LeveldbApiTest, EveryOperationOnATableNeverCreatedFails) {
   EXPECT_EQ(log_.Count("ERROR: Table not created. Table='T'"), 11);
   EXPECT_GE(log_.Count("12 src/lib/leveldb_api"), 11);
   EXPECT_EQ(size, -1);
-}
-
-TEST_F(LeveldbApiTest, AddScalarFieldRewritesEveryRecordAndTheSchema) {
-  {
-    auto api = Created();
-    ASSERT_EQ(api->StoreRecord(1, Record(1, nullptr, 2), {}), 0);
-    PutRaw(path_, "T:other:1", "1,1,5");
-    ASSERT_EQ(api->AddScalarField("bb", Val(0)), 0);  // The old record holds it unset.
-    EXPECT_TRUE(log_.Lines().empty()) << "a successful addition logs nothing";
-    EXPECT_EQ(api->AddScalarField("bb", Val(0)), -1);
-  }
-  const KeyValues all = Dump(path_);
-  EXPECT_EQ(all.at("T:1"), "4,1,0,0,1,1,,,2");
-  EXPECT_EQ(all.at("schema:T"), "a:0,b:1,bb:0,c:0,");
-  EXPECT_EQ(all.at("T:other:1"), "1,1,5");
+  EXPECT_TRUE(api->index()->index_schema().empty());
+  EXPECT_TRUE(log_.Contains("ERROR: Failed to load table index, table='T', schema=a"));
 }
 
 // Daemons keep objects in statics. This one is destroyed at exit after the
@@ -249,18 +243,6 @@ TEST_F(LeveldbApiTest, IndexAndScanAgreeWithTheRecords) {
   }
 }
 
-// A record is selected only when every repeated field of the filter matches, not only the last.
-TEST_F(LeveldbApiTest, EveryRepeatedFieldOfTheFilterMustMatch) {
-  auto two = [](int32_t p, int32_t q) {
-    return CompositeFields{{"p", {kInteger, {Val(p)}}}, {"q", {kInteger, {Val(q)}}}};
-  };
-  auto api = Open();
-  ASSERT_EQ(api->CreateTable(Record(), two(0, 0)), 0);
-  ASSERT_EQ(api->StoreRecord(1, Record(1), two(1, 2)), 0);
-  EXPECT_EQ(Query(*api, Record(), two(9, 2)), Ids{});
-  EXPECT_EQ(Query(*api, Record(), two(1, 2)), Ids{1});
-}
-
 TEST_F(LeveldbApiTest, OrderAndRefusedFilters) {
   auto api = Created();
   ASSERT_EQ(api->StoreRecord(10, Record(1, "x", 1), Tags({5})), 0);
@@ -285,37 +267,6 @@ TEST_F(LeveldbApiTest, OrderAndRefusedFilters) {
   // An id the index lists but the store lacks fails the query.
   ASSERT_TRUE(LevelDbConnector::GetInstance().LookupConnection(path_)->Delete({}, "T:10").ok());
   EXPECT_EQ(api->RetrieveRecords(&ids, {{"a", Val(1)}, {"c", Val(1)}}, Tags({5})), -4);
-}
-
-TEST_F(LeveldbApiTest, IndexRecordAndDeletionsInStep) {
-  auto api = Created();
-  EXPECT_EQ(api->AddTableIndex("i", {}), -1);
-  EXPECT_EQ(api->AddTableIndex("i", {"a", "tags"}), -1);  // Repeated fields cannot be indexed.
-  ASSERT_EQ(api->AddTableIndex("i", {"b", "a"}), 0);
-  ASSERT_EQ(api->AddTableIndex("j", {"a"}), 0);
-  EXPECT_EQ(GetRaw(path_, "schema:T:idx"), "b,a");
-  ASSERT_EQ(api->StoreRecord(1, Record(1, "x", 1), Tags({1})), 0);
-  ASSERT_EQ(api->StoreRecord(2, Record(2), Tags({2})), 0);
-  ASSERT_EQ(api->StoreRecord(3, Record(1, "y", 1), {}), 0);
-  ASSERT_EQ(api->UpdateRecord(3, Record(1, "z", 1), {}), 0);
-  EXPECT_EQ(Query(*api, {{"b", Val("y")}}), Ids{});
-  EXPECT_EQ(Query(*api, {{"b", Val("z")}, {"c", Val(1)}}), Ids{3});
-
-  Ids ids = {99};
-  EXPECT_EQ(api->DeleteRecords(&ids, {{"a", Val(1)}}, {}), 0);
-  EXPECT_EQ(ids, (Ids{1, 3}));
-  EXPECT_EQ(GetRaw(path_, "T:1") + GetRaw(path_, "tags:T:1"), "(missing)(missing)");
-  ASSERT_EQ(api->StoreRecord(10, Record(), {}), 0);
-  EXPECT_EQ(Query(*api, {{"a", Val(1)}}), Ids{});
-
-  PutRaw(path_, "T:other:9", "1,1,5");  // Repeated field of a table "other".
-  EXPECT_EQ(api->ClearTable(Tags({}), &ids), 0);
-  EXPECT_EQ(ids, (Ids{10, 2}));  // Key order.
-  EXPECT_EQ(GetRaw(path_, "tags:T:2") + GetRaw(path_, "T:other:9"), "(missing)1,1,5");
-  EXPECT_EQ(Query(*api, {{"a", Val(2)}}), Ids{});
-  PutRaw(path_, "schema:U:idx", "a");  // But no table schema record.
-  EXPECT_TRUE(Open("U")->index()->index_schema().empty());
-  EXPECT_TRUE(log_.Contains("ERROR: Failed to load table index, table='U', schema=a"));
 }
 
 }  // namespace
