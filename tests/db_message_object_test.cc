@@ -8,12 +8,9 @@
 #include "support/test_util.h"
 #include "test_messages.pb.h"
 
+namespace db {
 namespace {
 
-using db::Attribute;
-using db::CompositeFields;
-using db::DbMessageObject;
-using db::ScalarFields;
 using db_test::AllTypes;
 using db_test::Int;
 using db_test::Str;
@@ -70,19 +67,17 @@ TEST(MessageConversionTest, TextsByCppType) {
   EXPECT_EQ(4, log.Count("ERROR!"));
 
   // 64-bit integers are held in 32 bits: a wider text cannot be written back.
-  AllTypes empty;
-  EXPECT_THROW(DbMessageObject::SetScalarField(&empty, Field("i64"), "5000000000"),
-               std::out_of_range);
+  EXPECT_THROW(DbMessageObject::SetScalarField(&m, Field("i64"), "5000000000"), std::out_of_range);
 }
 
 // The table "msgs" of every message field, a scalar "vlan" and a repeated "tags".
-class MessageStoreTest : public ::testing::TestWithParam<db::DbType> {
+class MessageStoreTest : public ::testing::TestWithParam<DbType> {
  protected:
   MessageStoreTest()
       : object_(dir_.File("msgs"), "msgs", false, GetParam(), AllTypes::descriptor()) {
     EXPECT_EQ(0, log_.Count("db_message_object.cc")) << "every field found";
-    EXPECT_EQ(0, object_.AppendScalarAttribute("vlan", Attribute(db::kInteger), db::kDefault));
-    EXPECT_EQ(0, object_.AppendCompositeAttribute("tags", Attribute(db::kString), db::kDefault));
+    EXPECT_EQ(0, object_.AppendScalarAttribute("vlan", Attribute(kInteger), kDefault));
+    EXPECT_EQ(0, object_.AppendCompositeAttribute("tags", Attribute(kString), kDefault));
     EXPECT_EQ(0, object_.CreateObjTables());
   }
 
@@ -90,14 +85,6 @@ class MessageStoreTest : public ::testing::TestWithParam<db::DbType> {
     uint32_t id = 0;
     EXPECT_EQ(0, object_.StoreMessageObject(&id, &m)) << m.DebugString();
     return id;
-  }
-
-  void ExpectStored(uint32_t id, AllTypes m) {
-    m.clear_nested();  // nested messages are not carried
-    AllTypes out;
-    out.set_i32(99);  // replaced, not merged
-    ASSERT_EQ(0, object_.RetrieveMessageObject(id, &out));
-    EXPECT_TRUE(MessageDifferencer::Equals(out, m)) << out.DebugString();
   }
 
   db_test::LogCapture log_;
@@ -129,24 +116,26 @@ TEST_P(MessageStoreTest, RoundTripUpdateFilterDeleteAndMixedRecords) {
   changed.clear_numbers();
   changed.MergeFrom(Msg("i32: 42 flag: false numbers: 7"));
   ASSERT_EQ(0, object_.UpdateMessageObject(id, &changed));
-  ExpectStored(id, changed);
+  changed.clear_nested();  // nested messages are not carried
+  AllTypes out;
+  out.set_i32(99);  // replaced, not merged
+  ASSERT_EQ(0, object_.RetrieveMessageObject(id, &out));
+  EXPECT_TRUE(MessageDifferencer::Equals(out, changed)) << out.DebugString();
   const AllTypes doomed = Full();
   ASSERT_EQ(0, object_.DeleteMultipleMessageObjects(&doomed));
   int size = 0;
   EXPECT_EQ(0, object_.GetObjTableSize(&size));
   EXPECT_EQ(5, size);
 
-  AllTypes out = Full();
   EXPECT_EQ(-4, object_.RetrieveMessageObject(4242, &out));
-  const db_test::Nested wrong;
+  db_test::Nested wrong;
   std::vector<uint32_t> ids;
-  uint32_t unused = 0;
-  EXPECT_EQ(-1, object_.StoreMessageObject(&unused, &wrong));
+  uint32_t mixed = 0;
+  EXPECT_EQ(-1, object_.StoreMessageObject(&mixed, &wrong));
   EXPECT_EQ(-1, object_.RetrieveMessageObjects(&ids, &wrong));
-  db_test::Nested wrong_out;
   ScalarFields left = {{"stale", Int(1)}};
-  CompositeFields left_c = {{"stale", {db::kInteger, {Int(1)}}}};
-  EXPECT_EQ(-1, object_.RetrieveMixedObject(id, &wrong_out, &left, &left_c));
+  CompositeFields left_c = {{"stale", {kInteger, {Int(1)}}}};
+  EXPECT_EQ(-1, object_.RetrieveMixedObject(id, &wrong, &left, &left_c));
   EXPECT_TRUE(left.empty() && left_c.empty());
   EXPECT_TRUE(log_.Contains("is not a field of message type='db_test.Nested'"));
 
@@ -155,13 +144,12 @@ TEST_P(MessageStoreTest, RoundTripUpdateFilterDeleteAndMixedRecords) {
   ASSERT_EQ(0, object_.ParseFromMessage(&m));
   object_.scalar_fields()["vlan"] = 42;
   object_.composite_fields()["tags"].second = {Str("red")};
-  uint32_t mixed = 0;
   ASSERT_EQ(0, object_.StoreObject(&mixed));
   ScalarFields scalar = {{"stale", Int(1)}};
   CompositeFields composite;
   ASSERT_EQ(0, object_.RetrieveMixedObject(mixed, &out, &scalar, &composite));
   EXPECT_EQ((ScalarFields{{"vlan", Int(42)}}), scalar);
-  EXPECT_EQ((CompositeFields{{"tags", {db::kString, {Str("red")}}}}), composite);
+  EXPECT_EQ((CompositeFields{{"tags", {kString, {Str("red")}}}}), composite);
   AllTypes wide = Full();
   wide.set_i64(5000000000ll);
   EXPECT_THROW(object_.StoreMessageObject(&mixed, &wide), std::out_of_range);
@@ -178,7 +166,8 @@ TEST_P(MessageStoreTest, RoundTripUpdateFilterDeleteAndMixedRecords) {
   EXPECT_TRUE(log_.Contains("ERROR! Could not find value='3"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, MessageStoreTest, ::testing::Values(db::kSqlite, db::kLevelDb),
+INSTANTIATE_TEST_SUITE_P(Backends, MessageStoreTest, ::testing::Values(kSqlite, kLevelDb),
                          db_test::BackendName);
 
 }  // namespace
+}  // namespace db

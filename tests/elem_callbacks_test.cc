@@ -1,6 +1,7 @@
 #include "elem_callbacks.h"
 
 #include "db/db_object.h"
+#include "elem_parser.h"
 #include "id_generator.h"
 #include "support/leveldb_util.h"
 #include "support/sqlite_util.h"
@@ -40,7 +41,7 @@ class ElemCallbacksTest : public ::testing::TestWithParam<DbType> {
     object_ = std::make_unique<DbObject>(dir_.File("db"), "T", false, GetParam());
     const std::tuple<const char*, AttributeType, PrintFormat, const char*> scalars[] = {
         {"name", kString, kDefault, "name"}, {"port", kInteger, kDefault, "Port"},
-        {"hidden", kInteger, kDefault, ""},  {"lim", kBytes, kLimId, "lim"},
+        {"hidden", kInteger, kDefault, ""},  {"lim", kBytes, kLimId, "Lim"},
         {"uns", kInteger, kUnsigned, "uns"}, {"txt", kString, PrintFormat(9), "txt"}};
     for (const auto& [name, type, format, shown] : scalars) {
       EXPECT_EQ(0, object_->AppendScalarAttribute(name, Attribute(type), format));
@@ -132,7 +133,7 @@ TEST_P(ElemCallbacksTest, CommandTextsRecordAndSizeOutputsAndErrorTexts) {
               testing::HasSubstr("\ntxt       " + std::string(150, 'x') + "\n          xxxxx\n"));
   EXPECT_EQ(
       "Retrieving T information\n\nT internal Information\n" + kRule +
-          "\nId        1\n          Content\nlim       eth_1/80\nname      a_b\nPort      80\n"
+          "\nId        1\n          Content\nLim       eth_1/80\nname      a_b\nPort      80\n"
           "txt       a b\nuns       4294967216\ntags      , x,\nVlans     10, 20\n" +
           kRule + "\n",
       Run("Retrieve Record T 1"));
@@ -148,7 +149,6 @@ TEST_P(ElemCallbacksTest, CommandTextsRecordAndSizeOutputsAndErrorTexts) {
       {"Retrieve Record T 0", "\nERROR! Invalid id=0\n"},
       {"Retrieve Record T 2147483647", "\nERROR! Entry not found.\n"},
       {"Dump T", "Usage: Dump T <id>\n"},
-      {"Retrieve Record T", "Usage: Retrieve Record T <id>\n"},
       {"Retrieve Records T", "Usage: Retrieve Records T <id>\n"}};
   for (const auto& [line, expected] : cases) EXPECT_EQ(expected, Run(line)) << line;
   EXPECT_EQ("Dump: 2 variable arguments\n", Run("Dump T", true));
@@ -175,13 +175,25 @@ TEST_P(ElemCallbacksTest, DumpSelectsByRangeAndRetrieveRecordsByFilter) {
     EXPECT_EQ(0u, output.rfind(kDumping, 0)) << line;
   }
   EXPECT_EQ(kDumping + kRule + "\n", Run("Dump T 5"));  // a start id alone dumps nothing
-  // Shown values typed back match.
+  // Shown values typed back match. Unknown options and names are skipped, so are repeated fields
+  // after -s and single ones after -c; the groups after -c may be parted by ';', ',' and blanks.
   const std::pair<const char*, std::vector<uint32_t>> filters[] = {
-      {"-s Port=2", {2}},      {"-s Port=(unset),", {1, 2, 3, 4, 5, 7, 10000}},
-      {"-s Port=99", {}},      {"-s name=n -c Vlans=[3]", {3}},
-      {"-s lim=eth_1/2", {2}}, {"-s uns=4294967294", {2}}};
-  for (const auto& [args, ids] : filters)
-    EXPECT_EQ(IdsTable(ids), Run(std::string("Retrieve Records T ") + args)) << args;
+      {"-s Port=2", {2}},
+      {"-s Port=(unset),", {1, 2, 3, 4, 5, 7, 10000}},
+      {"-s Port=99", {}},
+      {"-x -s Nosuch=1,Vlans=5,name=n -c \"Other=[1] ;Vlans=[3], Port=[4]\"", {3}},
+      {"-s Lim=eth_1/2", {2}},
+      {"-s uns=4294967294", {2}}};
+  EXPECT_EQ("src/lib/elem_parser.cc:414:ParseCmdParam(): ERROR! Invalid opt 63, optarg (null)\n",
+            db_test::CaptureStderr([&] {
+              for (const auto& [args, ids] : filters)
+                EXPECT_EQ(IdsTable(ids), Run(std::string("Retrieve Records T ") + args)) << args;
+            }));
+  ScalarFields scalar;
+  CompositeFields composite;
+  EXPECT_EQ("src/lib/elem_parser.cc:398:ParseCmdParam(): ERROR! Invalid argv\n",
+            db_test::CaptureStderr(
+                [&] { ElemParser::ParseCmdParam(1, nullptr, *object_, scalar, composite); }));
   // A repeated-field condition alone is not supported by the backends.
   EXPECT_EQ(kNotAvailable, Run("Retrieve Records T -c Vlans=[20]"));
 }

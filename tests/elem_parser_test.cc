@@ -48,39 +48,37 @@ TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
     int format;
     AttributeType type;
     const char* text;
-    Attribute want;
-    std::string err = "";
+    std::string err;
+    Attribute want = Attribute();
   } cases[] = {
-      {kHex, kString, "0a9bFf", Str({0x0a, 0x9b, 0xff})},
-      {kIpPrefixLen, kBytes, "10.0.0.0/12", Val(Bytes{10, 0, 0, 0, 255, 240, 0, 0})},
-      {kIpPrefixLen, kBytes, "2001:db8::/64@02:00:00:00:00:01",
+      {kHex, kString, "0a9bFf", "", Str({0x0a, 0x9b, 0xff})},
+      {kIpPrefixLen, kBytes, "10.0.0.0/12", "", Val(Bytes{10, 0, 0, 0, 255, 240, 0, 0})},
+      {kIpPrefixLen, kBytes, "2001:db8::/64@02:00:00:00:00:01", "",
        Val(Bytes{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xfe, 0, 0, 1, 64})},
-      {kIpPrefixLen, kBytes, "fe80::1/128",
+      {kIpPrefixLen, kBytes, "fe80::1/128", "",
        Val(Bytes{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 128})},
-      {kUnsigned, kInteger, "-2147483648", Val(INT32_MIN)},  // wraps like stoul on the board
-      {kUnsigned, kString, "4294967295", Val(std::string("4294967295"))},
-      {kDefault, kString, "a b", Val(std::string("a b"))},
-      {kDefault, kInteger, "(unset)", Attribute(kInteger)},
-      {kDefault, kInteger, "(invalid)", Attribute(kInteger)},
-      {kDefault, kInteger, "abc", Attribute(),
-       "FromDefault(): ERROR! Exception 'stoi' caught. value 'abc' \n"},
-      {kHex, kBytes, "0xABC", Attribute(),
+      {kUnsigned, kInteger, "-2147483648", "", Val(INT32_MIN)},  // wraps like stoul on the board
+      {kUnsigned, kString, "4294967295", "", Val(std::string("4294967295"))},
+      {kDefault, kString, "a b", "", Val(std::string("a b"))},
+      {kDefault, kInteger, "(unset)", "", Attribute(kInteger)},
+      {kDefault, kInteger, "(invalid)", "", Attribute(kInteger)},
+      {kDefault, kInteger, "abc", "FromDefault(): ERROR! Exception 'stoi' caught. value 'abc' \n"},
+      {kHex, kBytes, "0xABC",
        "FromHex(): ERROR! Exception 'ParseHexString' caught. value '0xABC' \n"},
-      {kIpPrefixLen, kBytes, "10.0.0.0/0024", Attribute(),
+      {kIpPrefixLen, kBytes, "10.0.0.0/0024",
        "FromIpAddrPrefix(): ERROR! Exception 'prefix length' caught. value '10.0.0.0/0024' is not "
        "an IP\n"},
-      {kHex, kBytes, "0xAG", Attribute(), "FromHex(): *'0xAG' \n"},
-      {kIpPrefixLen, kBytes, "10.0.0.0/0:", Attribute(), "FromIpAddrPrefix(): *'10.0.0.0/0:' is*"},
-      {kHex, kFloat, "0x1", Attribute(), "FromHex(): ERROR! Invalid attr 2\n"},
-      {kIpAddress, kBytes, "1.2.3", Attribute(),
+      {kHex, kBytes, "0xAG", "FromHex(): *'0xAG' \n"},
+      {kIpPrefixLen, kBytes, "10.0.0.0/0:", "FromIpAddrPrefix(): *'10.0.0.0/0:' is*"},
+      {kHex, kFloat, "0x1", "FromHex(): ERROR! Invalid attr 2\n"},
+      {kIpAddress, kBytes, "1.2.3",
        "FromIp(): ERROR! Exception 'IpTextToBin' caught. value '1.2.3' is not an IP\n"},
-      {kIpPrefixLen, kBytes, "2001:db8::/96@02:00:00:00:00:01", Attribute(),
+      {kIpPrefixLen, kBytes, "2001:db8::/96@02:00:00:00:00:01",
        "FromIpAddrPrefix(): ERROR! Exception 'Invalid IPv6 prefix for EUI-64' caught. value '*"},
-      {kMac, kBytes, "aa:bb", Attribute(),
-       "FromMac(): ERROR! Exception '*' caught for value 'aa:bb'\n"},
-      {kLimId, kBytes, "nope", Attribute(),
+      {kMac, kBytes, "aa:bb", "FromMac(): ERROR! Exception '*' caught for value 'aa:bb'\n"},
+      {kLimId, kBytes, "nope",
        "FromLimId(): ERROR! Exception 'limid_from_intfname' caught for value 'nope'\n"},
-      {kUnsigned, kInteger, "4294967296", Attribute(),
+      {kUnsigned, kInteger, "4294967296",
        "FromUnsigned(): ERROR! Exception 'stoul' caught. value '4294967296' \n"}};
   for (const auto& c : cases) {
     Attribute parsed;
@@ -99,47 +97,6 @@ TEST(ElemParserTest, TextsGiveTheFieldsValueOrAnErrorLine) {
               Parse(kInteger, "1", format, &parsed));
     EXPECT_FALSE(parsed.is_set());
   }
-}
-
-TEST(ElemParserCmdTest, OptionsFillTheFiltersUnderTheFieldNames) {
-  db_test::LogCapture log;
-  db_test::TempDir dir;
-  DbObject object(dir.File("t.db"), "T", false, kSqlite);
-  object.AppendScalarAttribute("port", Attribute(kInteger), kDefault);
-  object.AppendScalarAttribute("name", Attribute(kString), kDefault);
-  object.AppendScalarAttribute("addr", Attribute(kBytes), kIpAddress);
-  object.AppendScalarAttribute("alt", Attribute(kBytes), kIpAddressAlt1);
-  object.AppendCompositeAttribute("vlans", Attribute(kInteger), kDefault);
-  object.ChangeAttributeStreamableName("port", "Port");
-  object.ChangeAttributeStreamableName("addr", "Address");
-  object.ChangeAttributeStreamableName("vlans", "Vlans");
-  ScalarFields scalar;
-  CompositeFields composite;
-  std::string words[] = {"Retrieve Records T",
-                         "-x",
-                         "-s",
-                         "Port=80,Nosuch=1,name=a_b,Address=10.0.0.1,Vlans=5,alt=10.0.0.1",
-                         "-c",
-                         "Vlans=[10,20], Other=[1] ;Vlans=[30,(unset)],Port=[4]"};
-  std::vector<char*> argv;
-  for (auto& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  EXPECT_EQ(
-      "src/lib/elem_parser.cc:414:ParseCmdParam(): ERROR! Invalid opt 63, optarg (null)\n"
-      "src/lib/elem_parser.cc:327:ParseValue(): ERROR! Invalid print format 3\n",
-      db_test::CaptureStderr(
-          [&] { ElemParser::ParseCmdParam(6, argv.data(), object, scalar, composite); }));
-  EXPECT_EQ((ScalarFields{{"port", Val(80)},
-                          {"name", Val(std::string("a_b"))},
-                          {"addr", Val(Bytes{10, 0, 0, 1})},
-                          {"alt", Attribute(kBytes)}}),
-            scalar);
-  EXPECT_EQ(
-      (CompositeFields{{"vlans", {kInteger, {Val(10), Val(20), Val(30), Attribute(kInteger)}}}}),
-      composite);
-  EXPECT_EQ("src/lib/elem_parser.cc:398:ParseCmdParam(): ERROR! Invalid argv\n",
-            db_test::CaptureStderr(
-                [&] { ElemParser::ParseCmdParam(1, nullptr, object, scalar, composite); }));
 }
 
 }  // namespace
