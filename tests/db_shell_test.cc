@@ -137,7 +137,6 @@ TEST_P(DbShellTest, CommandsPrintWhatTheLibraryPrintsChangeNothingAndSetTheExitS
   db_test::ProgramRun run = RunShell(Args(commands));
   EXPECT_EQ(0, run.status) << run.err;
   EXPECT_EQ(expected, run.out);
-  EXPECT_NE(std::string::npos, run.out.find("late")) << run.out;
   run = RunShell(Args({"tables", "help"}));
   EXPECT_EQ(0, run.status) << run.err;
   EXPECT_EQ(0u, run.out.find(kTables)) << run.out;
@@ -152,13 +151,10 @@ TEST_P(DbShellTest, CommandsPrintWhatTheLibraryPrintsChangeNothingAndSetTheExitS
   const Case cases[] = {
       {{}, "# comment\n\nGet Size links\nquit\nGet Size ports\n", 0, ""},
       {{}, "Get Size links\nget size ports\n", 1, "unknown command: get size"},
-      {{"Frobnicate ports", size}, "", 1, "unknown command: Frob"},
       {{"Get Size nosuchtable", size}, "", 1, "command: Get Size n"},
       // The filter parser would never return on a group without a name.
-      {{"Retrieve Records ports -s speed=1 -c =[1]", "Retrieve Records ports -xc=[1]", size},
-       "",
-       1,
-       "refused"},
+      {{"Retrieve Records ports -s speed=1 -c =[1]", size}, "", 1, "refused"},
+      {{"Retrieve Records ports -xc=[1]", size}, "", 1, "refused"},
   };
   for (const auto& [commands, input, status, err] : cases) {
     run = RunShell(Args(commands), input);
@@ -172,11 +168,10 @@ TEST_P(DbShellTest, CommandsPrintWhatTheLibraryPrintsChangeNothingAndSetTheExitS
 TEST(DbShellOpenTest, RefusedDatabasesAndArgumentsExitTwo) {
   if (std::string(DB_SHELL_PATH).empty()) GTEST_SKIP() << "db-shell is not built";
   db_test::TempDir dir;
-  std::filesystem::create_directory(dir.File("empty"));
   std::ofstream(dir.File("text.sqlite")) << "this is not a database\n";
   std::filesystem::create_directory(dir.File("bad"));
   std::ofstream(dir.File("bad/CURRENT")) << "MANIFEST-000009";
-  const std::string e = dir.File("empty"), t = dir.File("text.sqlite");
+  const std::string e = dir.path(), t = dir.File("text.sqlite");
   const std::vector<std::pair<std::vector<std::string>, const char*>> cases = {
       {{"--sqlite", dir.File("missing.sqlite")}, "No such file"},
       {{"--leveldb", dir.File("missing")}, "No such file"},

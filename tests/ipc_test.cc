@@ -51,7 +51,7 @@ int Join(pid_t pid) {
 int RunRouter(const std::vector<std::string>& args, const std::string& out, bool wait) {
   std::vector<std::string> argv = db_test::ProgramCommand(IPC_ROUTER_PATH);
   argv.insert(argv.end(), args.begin(), args.end());
-  int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   pid_t pid = db_test::StartProgram(argv, fd, fd);
   close(fd);
   return wait ? Join(pid) : pid;
@@ -77,11 +77,9 @@ class IpcTest : public testing::Test {
       args.insert(args.end(), {"--link", peer + "=127.0.0.1:" + std::to_string(at)});
     }
     setenv("IPC_ROUTER_SOCKET", Sock(node).c_str(), 1);
-    size_t seen = Log(node).size();  // a restarted router appends
     pids_[node] = RunRouter(args, dir_.File(node + "router.log"), false);
     std::string log, key = "links on 127.0.0.1:";
-    for (int i = 0; i < 3000 && (log = Log(node).substr(seen)).find("serving") == log.npos; ++i)
-      usleep(10000);
+    for (int i = 0; i < 3000 && (log = Log(node)).find("serving") == log.npos; ++i) usleep(10000);
     return log.find(key) == log.npos ? 0 : atoi(log.c_str() + log.find(key) + key.size());
   }
   int Stop(const std::string& node, int sig) {
@@ -105,7 +103,6 @@ class IpcTest : public testing::Test {
     return ipc_open(name);
   }
   std::string Status(const std::string& node = "") {
-    std::filesystem::remove(dir_.File("status"));
     EXPECT_EQ(RunRouter({"--socket", Sock(node), "--status"}, dir_.File("status"), true), 0);
     return db_test::ReadFile(dir_.File("status"));
   }
@@ -258,12 +255,11 @@ TEST(IpcFrameTest, PrefixesAreRefusedAtTheFirstBadByte) {
 // fails: none reported done arrived short.
 TEST_F(IpcTest, SendCutShortByABadRouterFails) {
   setenv("IPC_ROUTER_SOCKET", Sock("").c_str(), 1);
+  sockaddr_un a = {AF_UNIX, {}};
+  snprintf(a.sun_path, sizeof(a.sun_path), "%s", Sock("").c_str());
+  int fake = socket(AF_UNIX, SOCK_STREAM, 0);
+  ASSERT_EQ(bind(fake, reinterpret_cast<sockaddr*>(&a), sizeof(a)) + listen(fake, 1), 0);
   for (const std::string& bad : {std::string("garbage"), Frame(db::ipc::kFind, 0, 0, "x")}) {
-    std::filesystem::remove(Sock(""));
-    sockaddr_un a = {AF_UNIX, {}};
-    snprintf(a.sun_path, sizeof(a.sun_path), "%s", Sock("").c_str());
-    int fake = socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(bind(fake, reinterpret_cast<sockaddr*>(&a), sizeof(a)) + listen(fake, 1), 0);
     pid_t client = Spawn([] {
       static char big[IPC_MAX_SIZE];
       ipc_endpoint* ep = ipc_open("c");
@@ -290,8 +286,8 @@ TEST_F(IpcTest, SendCutShortByABadRouterFails) {
     EXPECT_GE(sent, 2u);
     EXPECT_GE(got, open + sent * frame);
     EXPECT_LT(got, 100 * frame);
-    close(fake);
   }
+  close(fake);
 }
 
 TEST_F(IpcTest, BadClientsOutOfDescriptorsAndRouterProgram) {

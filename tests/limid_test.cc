@@ -18,11 +18,10 @@ uint32_t Id(uint8_t b0, uint8_t b1, uint8_t b2, uint8_t b3) {
 std::string ExpectRoundTrip(uint32_t id) {
   char buf[64] = {};
   EXPECT_EQ(limid_to_intfname(id, buf, sizeof(buf)), 0);
-  const std::string name = buf;
   uint32_t back = ~id;
-  EXPECT_EQ(limid_from_intfname(name.c_str(), &back), 0) << name;
-  EXPECT_EQ(back, id) << name;
-  return name;
+  EXPECT_EQ(limid_from_intfname(buf, &back), 0) << buf;
+  EXPECT_EQ(back, id) << buf;
+  return buf;
 }
 
 TEST(LimidTest, NamesRoundTripAndBadInputIsRefusedWithMinusOne) {
@@ -40,10 +39,9 @@ TEST(LimidTest, NamesRoundTripAndBadInputIsRefusedWithMinusOne) {
     }
   };
   refused({"", "eth", "eth1/3", "eth 1", "eth 1/3 ", "eth 1/3/4", "eth 256/3", "eth 1/65536",
-           "eth 01/3", "eth +1/3", "ETH 1/3", "lag 0/12", "lag 65536", "lag 12x", "vlan 1 2",
-           "lo 00", "wlan 1", "limid 01020304"});
-  refused({"eth 1/99999999999999999999", "limid 0x1234567", "limid 0x123456789", "limid 0X01020304",
-           "limid 0x0102030g", nullptr});
+           "eth 01/3", "eth +1/3", "ETH 1/3", "lag 0/12", "lag 65536", "lag 12x", "wlan 1"});
+  refused({"limid 01020304", "eth 1/99999999999999999999", "limid 0x1234567", "limid 0x123456789",
+           "limid 0X01020304", "limid 0x0102030g", nullptr});
   EXPECT_EQ(limid_from_intfname("eth 1/3", nullptr), -1);
   EXPECT_EQ(limid_to_intfname(Id(1, 1, 0, 3), nullptr, 64), -1);
   char buf[16];
