@@ -113,6 +113,7 @@ TEST_F(LeveldbApiTest, RecordsLiveUnderTheirKeysTillTheirTableIsDestroyed) {
     EXPECT_EQ(api->AddTableIndex("i", {"a", "tags"}), -1);  // Repeated fields cannot be indexed.
     log_.Clear();
     ASSERT_EQ(api->AddTableIndex("i", {"b", "a"}), 0);
+    ASSERT_EQ(api->AddTableIndex("j", {"a"}), 0);     // Already listed: the list stays.
     ASSERT_EQ(api->AddScalarField("bb", Val(0)), 0);  // Every record holds it unset.
     EXPECT_TRUE(log_.Lines().empty()) << "successful changes log nothing";
     EXPECT_EQ(api->AddScalarField("bb", Val(0)), -1);
@@ -241,6 +242,18 @@ TEST_F(LeveldbApiTest, IndexAndScanAgreeWithTheRecords) {
       ASSERT_EQ(indexed->AddTableIndex("by_c", {"c"}), 0);
     }
   }
+}
+
+// A record is selected only when every repeated field of the filter matches, not only the last.
+TEST_F(LeveldbApiTest, EveryRepeatedFieldOfTheFilterMustMatch) {
+  auto two = [](int32_t p, int32_t q) {
+    return CompositeFields{{"p", {kInteger, {Val(p)}}}, {"q", {kInteger, {Val(q)}}}};
+  };
+  auto api = Open();
+  ASSERT_EQ(api->CreateTable(Record(), two(0, 0)), 0);
+  ASSERT_EQ(api->StoreRecord(1, Record(1), two(1, 2)), 0);
+  EXPECT_EQ(Query(*api, Record(), two(9, 2)), Ids{});
+  EXPECT_EQ(Query(*api, Record(), two(1, 2)), Ids{1});
 }
 
 TEST_F(LeveldbApiTest, OrderAndRefusedFilters) {

@@ -271,6 +271,8 @@ TEST_F(SqliteApiTest, SharedInMemoryDatabase) {
   EXPECT_EQ(SqliteAPI(dir_.File("other_mem"), "T", true).GetTableSize(&size), -1);
   EXPECT_FALSE(std::filesystem::exists(dir_.File("mem")));  // nothing on disk
   EXPECT_FALSE(log_.Contains("Write-ahead")) << "a memory database keeps its journal quietly";
+  EXPECT_EQ(first.Disconnect(), 0);
+  EXPECT_EQ(first.handle(), nullptr) << "closed, so that closing again does nothing";
 }
 
 // A database written before owner indexes existed gains them when a table is
