@@ -1,13 +1,13 @@
 // Writes LevelDB and SQLite stores of every value kind and verifies them value and byte for byte;
 // `exchange PEER...` lets a peer of another CPU verify ours and we verify its. Exits 0, 1 or 2.
 
-#include <sqlite3.h>
 #include <sys/wait.h>
 
 #include <cstdint>
 
 #include "db/db_object.h"
 #include "support/leveldb_util.h"
+#include "support/sqlite_util.h"
 #include "support/test_util.h"
 
 namespace {
@@ -73,16 +73,11 @@ void Write(const std::string& dir) {
   }
 }
 
+// Column 0 of every row, read by sqlite3 itself; NULL as "NULL".
 std::vector<std::string> RawSqlite(const std::string& path, const std::string& sql) {
   std::vector<std::string> rows;
-  sqlite3* raw = nullptr;
-  Check(sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK, path);
-  auto add = [](void* out, int, char** values, char**) {
-    static_cast<std::vector<std::string>*>(out)->push_back(values[0] ? values[0] : "NULL");
-    return 0;
-  };
-  Check(sqlite3_exec(raw, sql.c_str(), add, &rows, nullptr) == SQLITE_OK, sql);
-  sqlite3_close(raw);
+  for (const db_test::Row& row : db_test::RawDb(path).Query(sql))
+    rows.push_back(row.at(0).value_or("NULL"));
   return rows;
 }
 
